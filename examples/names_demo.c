@@ -1,0 +1,3 @@
+#include <stdio.h>
+#include <zelph/trace.h>
+int main(void) { return 0; }
