@@ -1,0 +1,14 @@
+#pragma once
+
+#include "common/base/CTString.h"
+
+namespace zelph {
+
+// One key/value pair of a configuration section. Both are plain text: the
+// store keeps no types, integers are decimal text.
+struct CConfigEntry {
+  CUTF8String key;
+  CUTF8String value;
+};
+
+}  // namespace zelph
