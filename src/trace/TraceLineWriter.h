@@ -1,0 +1,48 @@
+// The frame shared by every exported trace call, the per-thread records and
+// the line prefix.
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+#include <string>
+
+namespace zelph {
+
+// What the log remembers about a thread that traced: its 32-bit id, its
+// Enter/Leave nesting depth and its marker character.
+struct CThreadRecord {
+  std::uint32_t threadId = 0;
+  std::int32_t depth = 0;
+  char marker = '.';
+};
+
+// One exported trace call: takes the trace lock, opens the session once per
+// process and, when the log is open, writes the blank line that separates the
+// output of different threads. On destruction it flushes the log (when open)
+// and releases the lock. Callers write only when IsOpen() is true.
+class CTraceFrame {
+ public:
+  CTraceFrame();
+  CTraceFrame(const CTraceFrame&) = delete;
+  CTraceFrame& operator=(const CTraceFrame&) = delete;
+  ~CTraceFrame();
+
+  bool IsOpen() const noexcept { return open_; }
+  // The calling thread's record, created on its first trace line.
+  CThreadRecord& GetThread();
+  // The calling thread's line prefix at its current depth: time, thread id,
+  // marker twice, a blank and four blanks per nesting level.
+  std::string MakePrefix();
+
+ private:
+  bool locked_ = false;
+  bool open_ = false;
+  CThreadRecord* thread_ = nullptr;
+};
+
+// The exported calls' bodies; they may throw, the exported wrappers catch.
+void WriteTraceEnter(const char* name);
+void WriteTraceLeave(const char* name);
+void WriteTraceString(const char* format, std::va_list args);
+
+}  // namespace zelph
