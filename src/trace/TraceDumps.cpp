@@ -125,14 +125,20 @@ void WriteValue(const CK_ATTRIBUTE& attribute) {
   const CK_ULONG length = attribute.ulValueLen;
   const void* value = attribute.pValue;
 
+  if (kind == Kind::kSecret) {
+    TraceWriteRaw("<undisclosed, length is %d>", static_cast<int>(length));
+    return;
+  }
+  // A module marks an attribute it cannot reveal with the unavailable length
+  // and leaves the caller's buffer untouched: there is nothing to show.
+  if (length == CK_UNAVAILABLE_INFORMATION) {
+    TraceWriteText("(unavailable)");
+    return;
+  }
   if (kind == Kind::kText) {
     // The length bounds the text, so an unterminated label is read safely.
     const std::string format = "\"%." + std::to_string(length) + "s\"";
     TraceWriteRaw(format.c_str(), static_cast<const char*>(value));
-    return;
-  }
-  if (kind == Kind::kSecret) {
-    TraceWriteRaw("<undisclosed, length is %d>", static_cast<int>(length));
     return;
   }
   if (length == 0) {
