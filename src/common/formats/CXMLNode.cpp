@@ -1,0 +1,35 @@
+#include "common/formats/CXMLNode.h"
+
+#include <utility>
+
+namespace zelph {
+
+CXMLNode::~CXMLNode() {
+  // A child whose last handle is ours would destroy its own children in its
+  // destructor, and so on down; taking over the grandchildren first keeps
+  // the depth of destructor calls at one. Without memory for that, the
+  // child's destructor does the work itself.
+  std::vector<CXMLNodeRef> pending = std::move(children_);
+  while (!pending.empty()) {
+    CXMLNodeRef child = std::move(pending.back());
+    pending.pop_back();
+    if (child->GetReferences() != 1 || child->children_.empty()) continue;
+    try {
+      pending.reserve(pending.size() + child->children_.size());
+    } catch (...) {
+      continue;
+    }
+    for (auto& grandchild : child->children_) pending.push_back(std::move(grandchild));
+    child->children_.clear();
+  }
+}
+
+void CXMLNode::AddAttribute(const CUTF8String& name, const CUTF8String& value) {
+  attributes_.push_back(MakeRef<CXMLAttribute>(name, value));
+}
+
+void CXMLNode::AddChild(const CXMLNodeRef& child) {
+  children_.push_back(child);
+}
+
+}  // namespace zelph

@@ -1,0 +1,287 @@
+#include "common/formats/JSONReader.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <cwctype>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zelph {
+
+namespace {
+
+CJSValuePtr NullValue() noexcept {
+  return CJSValuePtr(&GetJSNull());
+}
+
+// White space as iswspace judges the byte taken as a signed value, so bytes
+// of multi-byte sequences never count.
+bool IsSpaceByte(char b) noexcept {
+  return std::iswspace(static_cast<wint_t>(static_cast<int>(static_cast<signed char>(b)))) != 0;
+}
+
+void SkipSpace(const char*& p, const char* end) noexcept {
+  while (p < end && IsSpaceByte(*p)) ++p;
+}
+
+int HexDigitValue(char c) noexcept {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Decodes one UTF-8 character at `p` (before `end`) by the library's common
+// rules and moves `p` past it: a bad continuation byte consumes all the
+// bytes its lead byte announced and gives kInvalidChar, as does a lone bad
+// lead byte. A sequence running past `end` gives -1.
+std::int32_t NextChar(const char*& p, const char* end) noexcept {
+  if (p >= end) return -1;
+  const unsigned lead = static_cast<unsigned char>(*p++);
+  if (lead < 0x80) return static_cast<std::int32_t>(lead);
+  int extra = 0;
+  std::uint32_t value = 0;
+  if (lead >= 0xC0 && lead <= 0xDF) {
+    extra = 1;
+    value = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    extra = 2;
+    value = lead & 0x0F;
+  } else if (lead >= 0xF0 && lead <= 0xF7) {
+    extra = 3;
+    value = lead & 0x07;
+  } else {
+    return kInvalidChar;
+  }
+  bool bad = false;
+  for (int k = 0; k < extra; ++k) {
+    if (p >= end) return -1;
+    const unsigned c = static_cast<unsigned char>(*p++);
+    if ((c & 0xC0) != 0x80) bad = true;
+    value = (value << 6) | (c & 0x3F);
+  }
+  return bad ? kInvalidChar : static_cast<std::int32_t>(value);
+}
+
+// Reads `count` hexadecimal digits at `p` into `value`. False when fewer
+// than `count` bytes are left; otherwise the bytes are consumed and
+// `valid` tells whether they were all digits.
+bool ReadHexEscape(const char*& p, const char* end, int count, std::uint32_t& value,
+                   bool& valid) noexcept {
+  if (end - p < count) return false;
+  value = 0;
+  valid = true;
+  for (int k = 0; k < count; ++k) {
+    const int digit = HexDigitValue(p[k]);
+    if (digit < 0) valid = false;
+    value = value * 16 + static_cast<std::uint32_t>(digit < 0 ? 0 : digit);
+  }
+  p += count;
+  return true;
+}
+
+// Reads a string whose opening quote has been consumed, up to and including
+// its closing quote. False for an unreadable string.
+bool ReadString(const char*& p, const char* end, CUTF8String& out) {
+  for (;;) {
+    if (p >= end || *p == '\n') return false;
+    if (*p == '"') {
+      ++p;
+      return true;
+    }
+    if (*p != '\\') {
+      const std::int32_t c = NextChar(p, end);
+      if (c < 0) return false;
+      out.AppendChar(static_cast<std::uint32_t>(c));
+      continue;
+    }
+    ++p;
+    if (p >= end) return false;
+    const char escape = *p++;
+    switch (escape) {
+      case '\n':  // line continuation: LF, LF CR
+        if (p < end && *p == '\r') ++p;
+        break;
+      case '\r':  // line continuation: CR, CR LF
+        if (p < end && *p == '\n') ++p;
+        break;
+      case '"':
+      case '\'':
+      case '\\':
+        out.AppendChar(static_cast<unsigned char>(escape));
+        break;
+      case 'b':
+        out.AppendChar('\b');
+        break;
+      case 'f':
+        out.AppendChar('\f');
+        break;
+      case 'n':
+        out.AppendChar('\n');
+        break;
+      case 'r':
+        out.AppendChar('\r');
+        break;
+      case 't':
+        out.AppendChar('\t');
+        break;
+      case 'v':
+        out.AppendChar('\v');
+        break;
+      case '0':
+      case '1':
+      case '2':
+      case '3':
+      case '4':
+      case '5':
+      case '6':
+      case '7': {
+        std::uint32_t value = static_cast<std::uint32_t>(escape - '0');
+        for (int k = 1; k < 3 && p < end && *p >= '0' && *p <= '7'; ++k) {
+          value = value * 8 + static_cast<std::uint32_t>(*p++ - '0');
+        }
+        out.AppendChar(value);
+        break;
+      }
+      case 'x':
+      case 'u': {
+        std::uint32_t value = 0;
+        bool valid = false;
+        if (!ReadHexEscape(p, end, escape == 'x' ? 2 : 4, value, valid)) return false;
+        if (valid) out.AppendChar(value);
+        break;
+      }
+      default:
+        // The backslash goes, and so does the whole character behind it.
+        --p;
+        NextChar(p, end);
+        break;
+    }
+  }
+}
+
+// A scalar (string, boolean, number) or the null value; `p` is at a
+// non-space byte that does not open a container.
+CJSValuePtr ReadScalar(const char*& p, const char* end) {
+  if (*p == '"') {
+    ++p;
+    CUTF8String text;
+    if (!ReadString(p, end, text)) return NullValue();
+    return std::make_unique<CJSString>(text);
+  }
+  if (end - p >= 4 && std::memcmp(p, "true", 4) == 0) {
+    p += 4;
+    return std::make_unique<CJSBoolean>(true);
+  }
+  if (end - p >= 5 && std::memcmp(p, "false", 5) == 0) {
+    p += 5;
+    return std::make_unique<CJSBoolean>(false);
+  }
+  if (*p >= '0' && *p <= '9') {
+    const char* start = p;
+    while (p < end && *p >= '0' && *p <= '9') ++p;
+    // strtol needs a terminated copy; overflow saturates as strtol does and
+    // the result is then cut to 32 bits.
+    const std::string digits(start, p);
+    const long number = std::strtol(digits.c_str(), nullptr, 10);
+    return std::make_unique<CJSInteger>(static_cast<std::int32_t>(number));
+  }
+  return NullValue();
+}
+
+// An open container on the reader's stack: exactly one of `array` and
+// `object` is set; `key` is the member whose value is being read.
+struct CContainer {
+  std::unique_ptr<CJSArray> array;
+  std::unique_ptr<CJSObject> object;
+  CUTF8String key;
+};
+
+}  // namespace
+
+CJSValuePtr ParseJSON(const char*& position, const char* end) {
+  const char* p = position;
+  std::vector<CContainer> open;
+  bool expectMember = false;  // else a value is expected
+  for (;;) {
+    CJSValuePtr value;
+    if (expectMember) {
+      // Inside an object, before a member or its closing brace.
+      CContainer& top = open.back();
+      SkipSpace(p, end);
+      if (p < end && *p == '}') {
+        ++p;
+        value = std::move(top.object);
+      } else if (p < end && *p == '"') {
+        ++p;
+        CUTF8String key;
+        if (ReadString(p, end, key)) {
+          SkipSpace(p, end);
+          if (p < end && *p == ':') {
+            ++p;
+            top.key = key;
+            expectMember = false;
+            continue;
+          }
+        }
+        value = NullValue();
+      } else {
+        value = NullValue();
+      }
+      open.pop_back();
+    } else {
+      SkipSpace(p, end);
+      if (p >= end) {
+        value = NullValue();
+      } else if (*p == '{') {
+        ++p;
+        open.push_back({nullptr, std::make_unique<CJSObject>(), {}});
+        expectMember = true;
+        continue;
+      } else if (*p == '[') {
+        ++p;
+        open.push_back({std::make_unique<CJSArray>(), nullptr, {}});
+        continue;
+      } else {
+        value = ReadScalar(p, end);
+      }
+    }
+
+    // Hand the finished value to the containers it completes.
+    for (;;) {
+      if (open.empty()) {
+        position = p;
+        return value;
+      }
+      CContainer& top = open.back();
+      if (top.array) {
+        top.array->Append(std::move(value));
+        SkipSpace(p, end);
+        // Whatever byte follows is consumed as the separator; only "," goes
+        // on. The end of the text ends the array as well.
+        if (p < end && *p++ == ',') {
+          expectMember = false;
+          break;
+        }
+        value = std::move(top.array);
+      } else {
+        top.object->Append(top.key, std::move(value));
+        SkipSpace(p, end);
+        const char separator = p < end ? *p++ : '\0';
+        if (separator == ',') {
+          expectMember = true;
+          break;
+        }
+        if (separator == '}') {
+          value = std::move(top.object);
+        } else {
+          value = NullValue();  // the partial object goes with its entry
+        }
+      }
+      open.pop_back();
+    }
+  }
+}
+
+}  // namespace zelph
