@@ -1,10 +1,11 @@
-# Drives the CMake build. `make demo` and `make test` install what is missing first.
+# Drives the CMake build. `make demo`, `make test` and `make package` install
+# what is missing first.
 BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test demo clean
+.PHONY: all deps configure build test demo package clean
 
 all: build
 
@@ -22,8 +23,15 @@ build: deps configure
 test: build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
+# A real PKCS#11 session with pkcs11-tool through the spy, against a SoftHSM2
+# token in a temporary directory; prints where the logs are and their start.
 demo: build
-	./$(BUILD_DIR)/bin/zelph-names-demo
+	./scripts/demo.sh $(BUILD_DIR)
+
+# The Debian package (library, headers, pkg-config and CMake files, the spy,
+# zelph-names), written into $(BUILD_DIR).
+package: build
+	cd $(BUILD_DIR) && cpack -G DEB
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -7,6 +7,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libp11-kit-dev libpcsclite-dev libssl-dev openssl
   net-tools
+  softhsm2 opensc dpkg-dev file
 )
 
 missing=()

@@ -1,0 +1,90 @@
+// How the spy writes the arguments and results of PKCS#11 calls into the
+// trace log. A log must be safe to mail to a support desk, so only numbers,
+// handles, names, lengths and the template dumps of the trace library (which
+// withhold key material) are written: never a PIN, never the bytes of data,
+// signatures, ciphertexts, wrapped keys, random numbers or operation states.
+#pragma once
+
+#include <p11-kit/pkcs11.h>
+
+namespace zelph {
+
+// True when `rv` says that the module has filled in its outputs.
+constexpr bool HasOutput(CK_RV rv) noexcept {
+  return rv == CKR_OK;
+}
+
+// True when `rv` says that the module has set the lengths of its output
+// buffers (also when a buffer was too small).
+constexpr bool HasOutputLength(CK_RV rv) noexcept {
+  return rv == CKR_OK || rv == CKR_BUFFER_TOO_SMALL;
+}
+
+// "<name> = <value>" in decimal: handles, slot ids, counts and sizes.
+void TraceNumber(const char* name, CK_ULONG value) noexcept;
+
+// "<name> = 0x<value>": flag words, in eight or more hexadecimal digits.
+void TraceFlags(const char* name, CK_FLAGS value) noexcept;
+
+// "<name> = <user type name>".
+void TraceUserType(const char* name, CK_USER_TYPE userType) noexcept;
+
+// A PIN: "NULL" or its length, never its characters.
+void TracePin(const char* name, const CK_UTF8CHAR* pin, CK_ULONG length) noexcept;
+
+// An input buffer: "NULL" or its length, never its bytes.
+void TraceInputBuffer(const char* name, const void* buffer, CK_ULONG length) noexcept;
+
+// An output buffer before the call: a null buffer asks for the needed length;
+// otherwise the caller's buffer size in *`length`, counted in `unit`, is
+// written.
+void TraceOutputBuffer(const char* name, const void* buffer, const char* lengthName,
+                       const CK_ULONG* length, const char* unit = "bytes") noexcept;
+
+// The length of an output after the call, when `rv` says the module set it.
+void TraceOutputLength(const char* lengthName, const CK_ULONG* length, CK_RV rv) noexcept;
+
+// A handle the module returns (a session, an object, a slot), when `rv` is
+// CKR_OK.
+void TraceOutputHandle(const char* name, const CK_ULONG* handle, CK_RV rv) noexcept;
+
+// A list of handles or slot ids on one line: "<name> = 1, 2, 3".
+void TraceHandleList(const char* name, const CK_ULONG* list, CK_ULONG count) noexcept;
+
+// A list of mechanisms, one name per line.
+void TraceMechanismList(const CK_MECHANISM_TYPE* list, CK_ULONG count) noexcept;
+
+// "<name> = <mechanism name>".
+void TraceMechanismType(const char* name, CK_MECHANISM_TYPE type) noexcept;
+
+// A mechanism argument through the mechanism dump, or "NULL".
+void TraceMechanismArgument(const CK_MECHANISM* mechanism) noexcept;
+
+// A template the caller passes in, with its values (secret ones withheld by
+// the dump).
+void TraceInputTemplate(const char* name, const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept;
+
+// The template of C_GetAttributeValue before the call: types, buffer sizes
+// and whether buffers are given; the buffers are not read.
+void TraceQueryTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept;
+
+// The template of C_GetAttributeValue after the call, with the values the
+// module filled in. Written only for the results after which the template is
+// defined; an attribute the module could not give (length
+// CK_UNAVAILABLE_INFORMATION) is shown without its buffer.
+void TraceAnswerTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_RV rv) noexcept;
+
+// The argument of C_Initialize: "NULL" or its flags and whether the caller
+// brings its own mutex functions.
+void TraceInitArgs(const void* initArgs) noexcept;
+
+// The general information of C_GetInfo.
+void TraceInfo(const CK_INFO& info) noexcept;
+
+// The slot information of C_GetSlotInfo.
+void TraceSlotInfo(const CK_SLOT_INFO& info) noexcept;
+
+// The session information of C_GetSessionInfo.
+void TraceSessionInfo(const CK_SESSION_INFO& info) noexcept;
+
+}  // namespace zelph
