@@ -72,16 +72,16 @@ void Append(std::string& out, const CUTF8String& text) {
 
 }  // namespace
 
-CConfigSection::CConfigSection() noexcept : m_top(this) {}
+CConfigSection::CConfigSection() noexcept : top_(this) {}
 
 CConfigSection::CConfigSection(const CUTF8String& name, CConfigSection* top) noexcept
-    : m_name(name), m_top(top) {}
+    : name_(name), top_(top) {}
 
 CConfigSection::~CConfigSection() = default;
 
 std::unique_ptr<CConfigSection> CConfigSection::Load(const CUTF8String& path) {
   auto top = std::make_unique<CConfigSection>();
-  top->m_fileName = path;
+  top->fileName_ = path;
   if (path.IsEmpty()) return top;
 
   std::string bytes;
@@ -113,17 +113,17 @@ void CConfigSection::ParseBlock(CUTF8Cursor& cursor) {
         // non-empty line as its value.
         SkipSpace(cursor);
         CUTF8String value = ReadTrimmed(cursor, EndsValue);
-        m_entries.push_back(std::make_unique<CConfigEntry>(CConfigEntry{name, std::move(value)}));
+        entries_.push_back(std::make_unique<CConfigEntry>(CConfigEntry{name, std::move(value)}));
         if (cursor.Peek() == '\n') cursor.Next();
       } else if (c == '\n') {
         // A bare word is a key with an empty value.
-        m_entries.push_back(std::make_unique<CConfigEntry>(CConfigEntry{name, {}}));
+        entries_.push_back(std::make_unique<CConfigEntry>(CConfigEntry{name, {}}));
         cursor.Next();
       } else if (c == '{') {
         cursor.Next();
-        std::unique_ptr<CConfigSection> sub(new CConfigSection(name, m_top));
+        std::unique_ptr<CConfigSection> sub(new CConfigSection(name, top_));
         sub->ParseBlock(cursor);
-        m_subsections.push_back(std::move(sub));
+        subsections_.push_back(std::move(sub));
         if (cursor.Peek() == '}') cursor.Next();
       }
       // A bare word before "}" or at the end of the text is dropped.
@@ -138,20 +138,20 @@ void CConfigSection::ParseBlock(CUTF8Cursor& cursor) {
 }
 
 const CConfigSection* CConfigSection::FindSection(const CUTF8String& name) const noexcept {
-  for (const auto& sub : m_subsections) {
-    if (sub->m_name == name) return sub.get();
+  for (const auto& sub : subsections_) {
+    if (sub->name_ == name) return sub.get();
   }
   return nullptr;
 }
 
 CConfigSection& CConfigSection::GetSection(const CUTF8String& name) {
   if (const CConfigSection* found = FindSection(name)) return const_cast<CConfigSection&>(*found);
-  m_subsections.push_back(std::unique_ptr<CConfigSection>(new CConfigSection(name, m_top)));
-  return *m_subsections.back();
+  subsections_.push_back(std::unique_ptr<CConfigSection>(new CConfigSection(name, top_)));
+  return *subsections_.back();
 }
 
 const CConfigEntry* CConfigSection::FindEntry(const CUTF8String& key) const noexcept {
-  for (const auto& entry : m_entries) {
+  for (const auto& entry : entries_) {
     if (entry->key == key) return entry.get();
   }
   return nullptr;
@@ -179,12 +179,12 @@ std::int32_t CConfigSection::GetIntValue(const CUTF8String& key,
 
 bool CConfigSection::SetValue(const CUTF8String& key, const CUTF8String& value) {
   if (key.IsEmpty()) return false;
-  auto it = std::find_if(m_entries.begin(), m_entries.end(),
+  auto it = std::find_if(entries_.begin(), entries_.end(),
                          [&key](const auto& entry) { return entry->key == key; });
-  if (it != m_entries.end()) {
+  if (it != entries_.end()) {
     (*it)->value = value;
   } else {
-    m_entries.push_back(std::make_unique<CConfigEntry>(CConfigEntry{key, value}));
+    entries_.push_back(std::make_unique<CConfigEntry>(CConfigEntry{key, value}));
   }
   return Save();
 }
@@ -196,24 +196,24 @@ bool CConfigSection::SetIntValue(const CUTF8String& key, std::int32_t value) {
 }
 
 bool CConfigSection::RemoveValue(const CUTF8String& key) {
-  auto it = std::find_if(m_entries.begin(), m_entries.end(),
+  auto it = std::find_if(entries_.begin(), entries_.end(),
                          [&key](const auto& entry) { return entry->key == key; });
-  if (it == m_entries.end()) return false;
-  m_entries.erase(it);
+  if (it == entries_.end()) return false;
+  entries_.erase(it);
   return Save();
 }
 
 void CConfigSection::WriteText(std::string& out, std::size_t depth) const {
   const std::string indent(depth, '\t');
-  for (const auto& sub : m_subsections) {
+  for (const auto& sub : subsections_) {
     out += indent;
-    Append(out, sub->m_name);
+    Append(out, sub->name_);
     out += " {\n";
     sub->WriteText(out, depth + 1);
     out += indent;
     out += "}\n";
   }
-  for (const auto& entry : m_entries) {
+  for (const auto& entry : entries_) {
     out += indent;
     Append(out, entry->key);
     out += " = ";
@@ -224,11 +224,11 @@ void CConfigSection::WriteText(std::string& out, std::size_t depth) const {
 
 bool CConfigSection::Save() const {
   const CConfigSection& top = GetTop();
-  if (top.m_fileName.IsEmpty()) return false;
+  if (top.fileName_.IsEmpty()) return false;
   std::string text;
   top.WriteText(text, 0);
 
-  std::FILE* file = std::fopen(top.m_fileName.c_str(), "wt");
+  std::FILE* file = std::fopen(top.fileName_.c_str(), "wt");
   if (!file) return false;
   const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
   // Bytes still buffered by stdio reach the file only in fclose.

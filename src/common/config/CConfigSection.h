@@ -37,21 +37,21 @@ class CConfigSection {
   static std::unique_ptr<CConfigSection> Load(const CUTF8String& path);
 
   // The section's name; empty for the top section.
-  const CUTF8String& GetName() const noexcept { return m_name; }
+  const CUTF8String& GetName() const noexcept { return name_; }
 
   // The path the tree is saved to; only the top section holds one.
-  const CUTF8String& GetFileName() const noexcept { return m_fileName; }
+  const CUTF8String& GetFileName() const noexcept { return fileName_; }
 
   // The top section of the tree; the top section is its own top.
-  CConfigSection& GetTop() noexcept { return *m_top; }
-  const CConfigSection& GetTop() const noexcept { return *m_top; }
+  CConfigSection& GetTop() noexcept { return *top_; }
+  const CConfigSection& GetTop() const noexcept { return *top_; }
 
   // Subsections and entries in file order, then in order of creation.
   const std::vector<std::unique_ptr<CConfigSection>>& GetSubsections() const noexcept {
-    return m_subsections;
+    return subsections_;
   }
   const std::vector<std::unique_ptr<CConfigEntry>>& GetEntries() const noexcept {
-    return m_entries;
+    return entries_;
   }
 
   // Returns the first subsection called `name`, or null when there is none.
@@ -107,11 +107,11 @@ class CConfigSection {
   // tabs, to `out`.
   void WriteText(std::string& out, std::size_t depth) const;
 
-  CUTF8String m_name;
-  CUTF8String m_fileName;
-  CConfigSection* m_top;
-  std::vector<std::unique_ptr<CConfigSection>> m_subsections;
-  std::vector<std::unique_ptr<CConfigEntry>> m_entries;
+  CUTF8String name_;
+  CUTF8String fileName_;
+  CConfigSection* top_;
+  std::vector<std::unique_ptr<CConfigSection>> subsections_;
+  std::vector<std::unique_ptr<CConfigEntry>> entries_;
 };
 
 }  // namespace zelph
