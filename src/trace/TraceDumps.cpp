@@ -1,10 +1,14 @@
 #include "trace/TraceDumps.h"
 
+#include <charconv>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 
+#include "trace/CLineBuffer.h"
 #include "trace/TraceLineWriter.h"
 #include "trace/TraceSession.h"
 #include "zelph/trace.h"
@@ -94,24 +98,21 @@ Kind KindOf(CK_ATTRIBUTE_TYPE type) noexcept {
   }
 }
 
-// A name function's text, or "0x" and 16 hexadecimal digits when it has none.
-std::string NameOf(const char* name, CK_ULONG value) {
+// A name function's text, or "0x" and 16 hexadecimal digits (written into
+// `buffer`) when it has none.
+const char* NameOf(const char* name, CK_ULONG value, char (&buffer)[19]) noexcept {
   if (name != nullptr) return name;
-  char buffer[19];
   std::snprintf(buffer, sizeof buffer, "0x%016lX", value);
   return buffer;
 }
 
-std::string Hex(const void* data, CK_ULONG length) {
+void AppendHex(CLineBuffer& out, const void* data, CK_ULONG length) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
   const auto* bytes = static_cast<const unsigned char*>(data);
-  std::string hex;
-  hex.reserve(2 * length);
   for (CK_ULONG i = 0; i < length; ++i) {
-    hex += kDigits[bytes[i] >> 4];
-    hex += kDigits[bytes[i] & 0x0F];
+    const char pair[2] = {kDigits[bytes[i] >> 4], kDigits[bytes[i] & 0x0F]};
+    out.Append(std::string_view(pair, 2));
   }
-  return hex;
 }
 
 CK_ULONG ReadULong(const void* value) noexcept {
@@ -120,75 +121,222 @@ CK_ULONG ReadULong(const void* value) noexcept {
   return number;
 }
 
-void WriteValue(const CK_ATTRIBUTE& attribute) {
-  const Kind kind = KindOf(attribute.type);
+int Low32(CK_ULONG value) noexcept {
+  return static_cast<int>(static_cast<std::uint32_t>(value));
+}
+
+// Writes one attribute line: the prefix, "\t<name>\tLen=<length>\t", the
+// rendering of the value and "\n". Each line goes out in one formatted write
+// whose format starts with the prefix (see TraceWritePrefixed).
+void WriteAttribute(std::string_view prefix, const CK_ATTRIBUTE& attribute, bool omitValues) {
+  char nameBuffer[19];
+  const char* name = NameOf(GetCkAttributeTypeString(attribute.type), attribute.type, nameBuffer);
+  const int shownLength = Low32(attribute.ulValueLen);
   const CK_ULONG length = attribute.ulValueLen;
   const void* value = attribute.pValue;
 
+  if (value == nullptr) {
+    TraceWritePrefixed(prefix, "\t%s\tLen=%d\t(data NULL)\n", name, shownLength);
+    return;
+  }
+  if (omitValues) {
+    TraceWritePrefixed(prefix, "\t%s\tLen=%d\t(data present)\n", name, shownLength);
+    return;
+  }
+  const Kind kind = KindOf(attribute.type);
   if (kind == Kind::kSecret) {
-    TraceWriteRaw("<undisclosed, length is %d>", static_cast<int>(length));
+    TraceWritePrefixed(prefix, "\t%s\tLen=%d\t<undisclosed, length is %d>\n", name, shownLength,
+                       static_cast<int>(length));
     return;
   }
   // A module marks an attribute it cannot reveal with the unavailable length
   // and leaves the caller's buffer untouched: there is nothing to show.
   if (length == CK_UNAVAILABLE_INFORMATION) {
-    TraceWriteText("(unavailable)");
+    TraceWritePrefixed(prefix, "\t%s\tLen=%d\t(unavailable)\n", name, shownLength);
     return;
   }
   if (kind == Kind::kText) {
     // The length bounds the text, so an unterminated label is read safely.
+    TraceWritePrefixed(prefix, "\t%s\tLen=%d\t", name, shownLength);
     const std::string format = "\"%." + std::to_string(length) + "s\"";
     TraceWriteRaw(format.c_str(), static_cast<const char*>(value));
+    TraceWriteText("\n");
     return;
   }
   if (length == 0) {
-    TraceWriteText("(empty)");
+    TraceWritePrefixed(prefix, "\t%s\tLen=%d\t(empty)\n", name, shownLength);
     return;
   }
 
-  const CK_ULONG expected =
-      kind == Kind::kBoolean ? sizeof(CK_BBOOL) : kind == Kind::kHex ? 0 : sizeof(CK_ULONG);
+  const CK_ULONG expected = kind == Kind::kBoolean ? sizeof(CK_BBOOL)
+                            : kind == Kind::kHex   ? 0
+                                                   : sizeof(CK_ULONG);
   if (length != expected) {
-    TraceWriteText(Hex(value, length).c_str());
+    // The digits become part of the format; they hold no conversion.
+    CLineBuffer format;
+    format.Append("\t%s\tLen=%d\t");
+    AppendHex(format, value, length);
+    format.Append('\n');
+    TraceWritePrefixed(prefix, format.c_str(), name, shownLength);
     return;
   }
   const CK_ULONG number = kind == Kind::kBoolean ? 0 : ReadULong(value);
+  char valueBuffer[19];
   switch (kind) {
     case Kind::kObjectClass:
-      TraceWriteRaw("%s", NameOf(GetCkObjectClassString(number), number).c_str());
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%s\n", name, shownLength,
+                         NameOf(GetCkObjectClassString(number), number, valueBuffer));
       break;
     case Kind::kKeyType:
-      TraceWriteRaw("%s", NameOf(GetCkKeyTypeString(number), number).c_str());
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%s\n", name, shownLength,
+                         NameOf(GetCkKeyTypeString(number), number, valueBuffer));
       break;
     case Kind::kCertificateType:
-      TraceWriteRaw("%s", NameOf(GetCkCertificateTypeString(number), number).c_str());
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%s\n", name, shownLength,
+                         NameOf(GetCkCertificateTypeString(number), number, valueBuffer));
       break;
     case Kind::kMechanism:
-      TraceWriteRaw("%s", NameOf(GetCkMechanismTypeString(number), number).c_str());
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%s\n", name, shownLength,
+                         NameOf(GetCkMechanismTypeString(number), number, valueBuffer));
       break;
     case Kind::kKeySpec:
-      TraceWriteRaw("%s", NameOf(GetCxKeySpecString(number), number).c_str());
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%s\n", name, shownLength,
+                         NameOf(GetCxKeySpecString(number), number, valueBuffer));
       break;
     case Kind::kCardContainer:
-      TraceWriteRaw("%s (0x%08X)", NameOf(GetQXCardContainer(number), number).c_str(),
-                    static_cast<unsigned>(number));
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%s (0x%08X)\n", name, shownLength,
+                         NameOf(GetQXCardContainer(number), number, valueBuffer),
+                         static_cast<unsigned>(number));
       break;
     case Kind::kBoolean: {
       const unsigned char byte = *static_cast<const unsigned char*>(value);
-      TraceWriteRaw("%s (%d)", byte != 0 ? "TRUE" : "FALSE", byte);
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%s (%d)\n", name, shownLength,
+                         byte != 0 ? "TRUE" : "FALSE", byte);
       break;
     }
     case Kind::kInteger:
-      TraceWriteRaw("%d (0x%08X)", static_cast<int>(number), static_cast<unsigned>(number));
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%d (0x%08X)\n", name, shownLength,
+                         static_cast<int>(number), static_cast<unsigned>(number));
       break;
     case Kind::kDate:
-      TraceWriteRaw("%.8s", static_cast<const char*>(value));
+      TraceWritePrefixed(prefix, "\t%s\tLen=%d\t%.8s\n", name, shownLength,
+                         static_cast<const char*>(value));
       break;
     case Kind::kText:
     case Kind::kSecret:
     case Kind::kHex:
       break;  // handled above
   }
+}
+
+void AppendDecimal(CLineBuffer& out, int value) {
+  char digits[16];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  out.Append(std::string_view(digits, static_cast<std::size_t>(end - digits)));
+}
+
+// Eight upper-case hexadecimal digits, as "%08X" writes a 32-bit number.
+void AppendHex32(CLineBuffer& out, unsigned value) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  char digits[8];
+  for (int i = 7; i >= 0; --i, value >>= 4) digits[i] = kDigits[value & 0xF];
+  out.Append(std::string_view(digits, sizeof digits));
+}
+
+// Appends the line WriteAttribute would write for `attribute`, for a prefix
+// without a per-cent sign, to `out`. Returns false, appending nothing, for the
+// one line it leaves to WriteAttribute: a text whose length no printf
+// precision can hold.
+bool RenderAttribute(CLineBuffer& out, std::string_view prefix, const CK_ATTRIBUTE& attribute,
+                     bool omitValues) {
+  const CK_ULONG length = attribute.ulValueLen;
+  const void* value = attribute.pValue;
+  const Kind kind = KindOf(attribute.type);
+  if (kind == Kind::kText && value != nullptr && !omitValues &&
+      length != CK_UNAVAILABLE_INFORMATION && length > static_cast<CK_ULONG>(INT_MAX)) {
+    return false;
+  }
+  char nameBuffer[19];
+  out.Append(prefix);
+  out.Append('\t');
+  out.Append(NameOf(GetCkAttributeTypeString(attribute.type), attribute.type, nameBuffer));
+  out.Append("\tLen=");
+  AppendDecimal(out, Low32(length));
+  out.Append('\t');
+
+  if (value == nullptr) {
+    out.Append("(data NULL)\n");
+  } else if (omitValues) {
+    out.Append("(data present)\n");
+  } else if (kind == Kind::kSecret) {
+    out.Append("<undisclosed, length is ");
+    AppendDecimal(out, static_cast<int>(length));
+    out.Append(">\n");
+  } else if (length == CK_UNAVAILABLE_INFORMATION) {
+    out.Append("(unavailable)\n");
+  } else if (kind == Kind::kText) {
+    // As "%.<length>s": up to the length or the first NUL.
+    out.Append('"');
+    out.Append(std::string_view(static_cast<const char*>(value),
+                                strnlen(static_cast<const char*>(value), length)));
+    out.Append("\"\n");
+  } else if (length == 0) {
+    out.Append("(empty)\n");
+  } else if (length != (kind == Kind::kBoolean ? sizeof(CK_BBOOL)
+                        : kind == Kind::kHex   ? 0
+                                               : sizeof(CK_ULONG))) {
+    AppendHex(out, value, length);
+    out.Append('\n');
+  } else {
+    const CK_ULONG number = kind == Kind::kBoolean ? 0 : ReadULong(value);
+    char valueBuffer[19];
+    switch (kind) {
+      case Kind::kObjectClass:
+        out.Append(NameOf(GetCkObjectClassString(number), number, valueBuffer));
+        break;
+      case Kind::kKeyType:
+        out.Append(NameOf(GetCkKeyTypeString(number), number, valueBuffer));
+        break;
+      case Kind::kCertificateType:
+        out.Append(NameOf(GetCkCertificateTypeString(number), number, valueBuffer));
+        break;
+      case Kind::kMechanism:
+        out.Append(NameOf(GetCkMechanismTypeString(number), number, valueBuffer));
+        break;
+      case Kind::kKeySpec:
+        out.Append(NameOf(GetCxKeySpecString(number), number, valueBuffer));
+        break;
+      case Kind::kCardContainer:
+        out.Append(NameOf(GetQXCardContainer(number), number, valueBuffer));
+        out.Append(" (0x");
+        AppendHex32(out, static_cast<unsigned>(number));
+        out.Append(')');
+        break;
+      case Kind::kBoolean: {
+        const unsigned char byte = *static_cast<const unsigned char*>(value);
+        out.Append(byte != 0 ? "TRUE (" : "FALSE (");
+        AppendDecimal(out, byte);
+        out.Append(')');
+        break;
+      }
+      case Kind::kInteger:
+        AppendDecimal(out, static_cast<int>(number));
+        out.Append(" (0x");
+        AppendHex32(out, static_cast<unsigned>(number));
+        out.Append(')');
+        break;
+      case Kind::kDate:
+        out.Append(std::string_view(static_cast<const char*>(value),
+                                    strnlen(static_cast<const char*>(value), 8)));
+        break;
+      case Kind::kText:
+      case Kind::kSecret:
+      case Kind::kHex:
+        break;  // handled above
+    }
+    out.Append('\n');
+  }
+  return true;
 }
 
 // Writes the names of the set bits among the lowest 32, in bit order, each
@@ -212,39 +360,45 @@ void WriteFlags(CK_FLAGS flags, const char* (*name)(CK_FLAGS)) {
   TraceWriteText("\n");
 }
 
-int Low32(CK_ULONG value) noexcept { return static_cast<int>(static_cast<std::uint32_t>(value)); }
-
 }  // namespace
 
 void WriteTraceTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_BBOOL omitValues) {
   CTraceFrame frame;
   if (!frame.IsOpen()) return;
-  const std::string prefix = frame.MakePrefix();
+  CLineBuffer prefix;
+  frame.AppendPrefix(prefix);
+  // The lines are put together here and written at once. Only a prefix with a
+  // per-cent sign (the thread whose marker is "%") must take part in the
+  // formatting; then, and for what RenderAttribute leaves out, each line is
+  // formatted on its own.
+  const bool literalPrefix = prefix.View().find('%') == std::string_view::npos;
+  CLineBuffer lines;
   for (CK_ULONG i = 0; i < count; ++i) {
-    const CK_ATTRIBUTE& attribute = attributes[i];
-    TraceWritePrefixed(prefix, "\t%s\tLen=%d\t",
-                       NameOf(GetCkAttributeTypeString(attribute.type), attribute.type).c_str(),
-                  Low32(attribute.ulValueLen));
-    if (attribute.pValue == nullptr) {
-      TraceWriteText("(data NULL)");
-    } else if (omitValues) {
-      TraceWriteText("(data present)");
-    } else {
-      WriteValue(attribute);
+    if (literalPrefix && RenderAttribute(lines, prefix.View(), attributes[i], omitValues != 0)) {
+      continue;
     }
-    TraceWriteText("\n");
+    TraceWriteBytes(lines.View());
+    lines.Clear();
+    WriteAttribute(prefix.View(), attributes[i], omitValues != 0);
   }
+  TraceWriteBytes(lines.View());
 }
 
 void WriteTraceMechanism(const CK_MECHANISM& mechanism) {
   CTraceFrame frame;
   if (!frame.IsOpen()) return;
-  const std::string prefix = frame.MakePrefix();
-  TraceWritePrefixed(prefix, "\t%s\n",
-                     NameOf(GetCkMechanismTypeString(mechanism.mechanism), mechanism.mechanism).c_str());
+  CLineBuffer line;
+  frame.AppendPrefix(line);
+  const std::string_view prefix = line.View();
+  char nameBuffer[19];
+  TraceWritePrefixed(
+      prefix, "\t%s\n",
+      NameOf(GetCkMechanismTypeString(mechanism.mechanism), mechanism.mechanism, nameBuffer));
   if (mechanism.pParameter != nullptr && mechanism.ulParameterLen != 0) {
     TraceWritePrefixed(prefix, "\tParameter: ");
-    TraceWriteText(Hex(mechanism.pParameter, mechanism.ulParameterLen).c_str());
+    CLineBuffer hex;
+    AppendHex(hex, mechanism.pParameter, mechanism.ulParameterLen);
+    TraceWriteText(hex.c_str());
     TraceWriteText("\n");
   }
 }
@@ -252,7 +406,9 @@ void WriteTraceMechanism(const CK_MECHANISM& mechanism) {
 void WriteTraceMechanismInfo(const CK_MECHANISM_INFO& info) {
   CTraceFrame frame;
   if (!frame.IsOpen()) return;
-  const std::string prefix = frame.MakePrefix();
+  CLineBuffer line;
+  frame.AppendPrefix(line);
+  const std::string_view prefix = line.View();
   TraceWritePrefixed(prefix, "\tMin key size: %d\n", Low32(info.ulMinKeySize));
   TraceWritePrefixed(prefix, "\tMax key size: %d\n", Low32(info.ulMaxKeySize));
   TraceWritePrefixed(prefix, "\tFlags:        ");
@@ -262,15 +418,17 @@ void WriteTraceMechanismInfo(const CK_MECHANISM_INFO& info) {
 void WriteTraceTokenInfo(const CK_TOKEN_INFO& info) {
   CTraceFrame frame;
   if (!frame.IsOpen()) return;
-  const std::string prefix = frame.MakePrefix();
+  CLineBuffer line;
+  frame.AppendPrefix(line);
+  const std::string_view prefix = line.View();
   TraceWritePrefixed(prefix, "\tLabel:                \"%.32s\"\n",
-                reinterpret_cast<const char*>(info.label));
+                     reinterpret_cast<const char*>(info.label));
   TraceWritePrefixed(prefix, "\tManufacturer:         \"%.32s\"\n",
-                reinterpret_cast<const char*>(info.manufacturerID));
+                     reinterpret_cast<const char*>(info.manufacturerID));
   TraceWritePrefixed(prefix, "\tModel:                \"%.16s\"\n",
-                reinterpret_cast<const char*>(info.model));
+                     reinterpret_cast<const char*>(info.model));
   TraceWritePrefixed(prefix, "\tSerial number:        \"%.16s\"\n",
-                reinterpret_cast<const char*>(info.serialNumber));
+                     reinterpret_cast<const char*>(info.serialNumber));
   TraceWritePrefixed(prefix, "\tFlags:                ");
   WriteFlags(info.flags, GetCkTokenInfoFlagString);
   TraceWritePrefixed(prefix, "\tMax PIN length:       %d\n", Low32(info.ulMaxPinLen));
@@ -280,9 +438,9 @@ void WriteTraceTokenInfo(const CK_TOKEN_INFO& info) {
   TraceWritePrefixed(prefix, "\tTotal private memory: %d\n", Low32(info.ulTotalPrivateMemory));
   TraceWritePrefixed(prefix, "\tFree private memory:  %d\n", Low32(info.ulFreePrivateMemory));
   TraceWritePrefixed(prefix, "\tHardware version:     %d.%d\n", info.hardwareVersion.major,
-                info.hardwareVersion.minor);
+                     info.hardwareVersion.minor);
   TraceWritePrefixed(prefix, "\tFirmware version:     %d.%d\n", info.firmwareVersion.major,
-                info.firmwareVersion.minor);
+                     info.firmwareVersion.minor);
 }
 
 }  // namespace zelph

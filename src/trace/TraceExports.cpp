@@ -23,13 +23,21 @@ void TraceLeave(const char* name) ZELPH_NOEXCEPT {
 }
 
 void TraceString(const char* format, ...) ZELPH_NOEXCEPT {
-  std::va_list args;
-  va_start(args, format);
   try {
-    zelph::WriteTraceString(format, args);
+    // The frame is taken first and the arguments only looked at when the log
+    // is open, so that with tracing off a call costs little more than the
+    // lock.
+    zelph::CTraceFrame frame;
+    if (!frame.IsOpen()) return;
+    std::va_list args;
+    va_start(args, format);
+    try {
+      zelph::WriteTraceMessage(frame, format, args);
+    } catch (...) {
+    }
+    va_end(args);
   } catch (...) {
   }
-  va_end(args);
 }
 
 void TraceTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count,

@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "common/config/ConfigFile.h"
+#include "trace/CLineBuffer.h"
 
 namespace zelph {
 namespace {
@@ -34,10 +35,6 @@ std::optional<CMutex> MakeTraceLock() noexcept {
 }
 std::optional<CMutex> g_traceLock = MakeTraceLock();
 
-// The log stream; null while the session is closed, and again once the footer
-// has been written, so that a late call at exit writes nothing.
-FILE* g_log = nullptr;
-
 // The trace directory is read once per process from the shared configuration.
 // Returns null when no directory is configured.
 const CUTF8String* GetTraceDirectory() {
@@ -58,9 +55,9 @@ std::tm LocalNow() noexcept {
 
 // Runs at process exit, or when the library is unloaded.
 void EndTraceSession() {
-  if (g_log == nullptr) return;
-  std::FILE* log = g_log;
-  g_log = nullptr;
+  if (g_traceSession.log == nullptr) return;
+  std::FILE* log = g_traceSession.log;
+  g_traceSession.log = nullptr;
   std::fputs("\n", log);
   std::fputs("# Ending log\n", log);
   std::fputs(kRule, log);
@@ -109,26 +106,48 @@ bool OpenTraceSession() {
   std::snprintf(pid, sizeof pid, "_%d.log", static_cast<int>(getpid()));
   path += pid;
 
-  g_log = std::fopen(path.c_str(), "at");
-  if (g_log != nullptr) WriteHeader();
+  g_traceSession.log = std::fopen(path.c_str(), "at");
+  if (g_traceSession.log != nullptr) WriteHeader();
   static const bool registered = (std::atexit(EndTraceSession), true);
   (void)registered;
-  return g_log != nullptr;
+  return g_traceSession.log != nullptr;
+}
+
+bool SessionOpen() {
+  static const bool open = OpenTraceSession();
+  g_traceSession.decided = true;
+  return open && g_traceSession.log != nullptr;
 }
 
 }  // namespace
 
-CMutex& GetTraceLock() noexcept { return *g_traceLock; }
+// The log stream is null while the session is closed, and again once the
+// footer has been written, so that a late call at exit writes nothing.
+CTraceSessionState g_traceSession{g_traceLock ? &*g_traceLock : nullptr};
 
-bool TraceLockAvailable() noexcept { return g_traceLock.has_value(); }
+CMutex& GetTraceLock() noexcept {
+  return *g_traceLock;
+}
+
+bool TraceLockAvailable() noexcept {
+  return g_traceLock.has_value();
+}
 
 bool IsTraceSessionOpen() {
-  static const bool open = OpenTraceSession();
-  return open && g_log != nullptr;
+  return SessionOpen();
+}
+
+bool DecideTraceSession() {
+  try {
+    return SessionOpen();
+  } catch (...) {
+    g_traceSession.lock->Unlock();
+    throw;
+  }
 }
 
 void TraceWriteRawV(const char* format, std::va_list args) {
-  if (g_log != nullptr) std::vfprintf(g_log, format, args);
+  if (g_traceSession.log != nullptr) std::vfprintf(g_traceSession.log, format, args);
 }
 
 void TraceWriteRaw(const char* format, ...) {
@@ -138,8 +157,10 @@ void TraceWriteRaw(const char* format, ...) {
   va_end(args);
 }
 
-void TraceWritePrefixed(const std::string& prefix, const char* format, ...) {
-  const std::string composed = prefix + format;
+void TraceWritePrefixed(std::string_view prefix, const char* format, ...) {
+  CLineBuffer composed;
+  composed.Append(prefix);
+  composed.Append(format);
   std::va_list args;
   va_start(args, format);
   TraceWriteRawV(composed.c_str(), args);
@@ -147,11 +168,16 @@ void TraceWritePrefixed(const std::string& prefix, const char* format, ...) {
 }
 
 void TraceWriteText(const char* text) noexcept {
-  if (g_log != nullptr) std::fputs(text, g_log);
+  if (g_traceSession.log != nullptr) std::fputs(text, g_traceSession.log);
+}
+
+void TraceWriteBytes(std::string_view text) noexcept {
+  if (g_traceSession.log != nullptr && !text.empty())
+    std::fwrite(text.data(), 1, text.size(), g_traceSession.log);
 }
 
 void TraceFlush() noexcept {
-  if (g_log != nullptr) std::fflush(g_log);
+  if (g_traceSession.log != nullptr) std::fflush(g_traceSession.log);
 }
 
 CUTF8String GetExecutablePath() {

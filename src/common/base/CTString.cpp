@@ -31,23 +31,14 @@ bool ReadLead(unsigned lead, int& extra, std::uint32_t& value) noexcept {
 }
 
 // Decodes the character at byte `i` of `d`, whose text ends at `end`, and
-// moves `i` past it. A sequence running past `end` reads as the end (-1),
-// leaving `i` where the end check failed.
+// moves `i` past it.
 std::int32_t DecodeAt(const unsigned char* d, std::uint64_t end, std::uint64_t& i) noexcept {
-  if (d == nullptr || i >= end) return -1;
-  const unsigned lead = d[i++];
-  if (lead < 0x80) return static_cast<std::int32_t>(lead);
-  int extra = 0;
-  std::uint32_t value = 0;
-  if (!ReadLead(lead, extra, value)) return kInvalidChar;
-  bool bad = false;
-  for (int k = 0; k < extra; ++k) {
-    if (i >= end) return -1;
-    const unsigned c = d[i++];
-    if ((c & 0xC0) != 0x80) bad = true;
-    value = (value << 6) | (c & 0x3F);
-  }
-  return bad ? kInvalidChar : static_cast<std::int32_t>(value);
+  if (d == nullptr) return -1;
+  const char* text = reinterpret_cast<const char*>(d);
+  const char* p = text + i;
+  const std::int32_t c = DecodeUTF8(p, text + end);
+  i = static_cast<std::uint64_t>(p - text);
+  return c;
 }
 
 // The character as it is stored in a UTF-8 string: invalid values read as "?".

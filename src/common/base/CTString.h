@@ -33,6 +33,40 @@ constexpr bool IsInvalidChar(std::int64_t c) noexcept {
 // test them with IsInvalidChar).
 std::int32_t DecodeUTF8(const char*& p) noexcept;
 
+// Decodes one character of the UTF-8 bytes from `p` up to `end` and moves `p`
+// past it, as a string cursor reads: -1 at the end, also for a sequence that
+// `end` cuts off (`p` is then left where the end was met); kInvalidChar for a
+// bad sequence, which is consumed with all the continuation bytes its lead
+// byte announced, or for an invalid lead byte, which is consumed alone.
+// Overlong forms and values up to 0x1FFFFF are accepted, as above.
+inline std::int32_t DecodeUTF8(const char*& p, const char* end) noexcept {
+  if (p >= end) return -1;
+  const unsigned lead = static_cast<unsigned char>(*p++);
+  if (lead < 0x80) return static_cast<std::int32_t>(lead);
+  int extra;
+  std::uint32_t value;
+  if (lead >= 0xC0 && lead <= 0xDF) {
+    extra = 1;
+    value = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    extra = 2;
+    value = lead & 0x0F;
+  } else if (lead >= 0xF0 && lead <= 0xF7) {
+    extra = 3;
+    value = lead & 0x07;
+  } else {
+    return kInvalidChar;
+  }
+  bool bad = false;
+  for (int k = 0; k < extra; ++k) {
+    if (p >= end) return -1;
+    const unsigned c = static_cast<unsigned char>(*p++);
+    if ((c & 0xC0) != 0x80) bad = true;
+    value = (value << 6) | (c & 0x3F);
+  }
+  return bad ? kInvalidChar : static_cast<std::int32_t>(value);
+}
+
 // Encodes `codepoint` as UTF-8 into `out` and returns the byte count (1-4).
 // A surrogate or U+FFFE is encoded as "?". Values above 0x1FFFFF keep only
 // their low 21 bits.

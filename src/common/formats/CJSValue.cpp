@@ -1,5 +1,6 @@
 #include "common/formats/CJSValue.h"
 
+#include <algorithm>
 #include <cwctype>
 #include <utility>
 
@@ -35,6 +36,9 @@ void DeleteJSItems(std::vector<CJSValuePtr>& items) noexcept {
   while (!pending.empty()) {
     CJSValuePtr item = std::move(pending.back());
     pending.pop_back();
+    // Scalars, empty containers and members holding either are deleted as
+    // they are: that nests no deeper than a member's value.
+    if (item->GetCount() == 0) continue;
     std::vector<CJSValuePtr>* children = nullptr;
     if (auto* array = dynamic_cast<CJSArray*>(item.get())) {
       children = &array->items_;
@@ -48,10 +52,15 @@ void DeleteJSItems(std::vector<CJSValuePtr>& items) noexcept {
       continue;
     }
     if (children == nullptr || children->empty()) continue;
-    try {
-      pending.reserve(pending.size() + children->size());
-    } catch (...) {
-      continue;
+    // Grown by doubling: reserving exactly what each container needs would
+    // copy the whole list again for every container.
+    const std::size_t needed = pending.size() + children->size();
+    if (needed > pending.capacity()) {
+      try {
+        pending.reserve(std::max(needed, 2 * pending.capacity()));
+      } catch (...) {
+        continue;
+      }
     }
     for (auto& child : *children) pending.push_back(std::move(child));
     children->clear();

@@ -24,11 +24,15 @@ CXMLNode::~CXMLNode() {
   }
 }
 
+// The arrays start with room for four, so that the usual few attributes and
+// children take one allocation, and then double.
 void CXMLNode::AddAttribute(const CUTF8String& name, const CUTF8String& value) {
+  if (attributes_.capacity() == 0) attributes_.reserve(4);
   attributes_.push_back(MakeRef<CXMLAttribute>(name, value));
 }
 
 void CXMLNode::AddChild(const CXMLNodeRef& child) {
+  if (children_.capacity() == 0) children_.reserve(4);
   children_.push_back(child);
 }
 

@@ -1,9 +1,11 @@
 #include "common/formats/JSONReader.h"
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <cwctype>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,9 +18,18 @@ CJSValuePtr NullValue() noexcept {
 }
 
 // White space as iswspace judges the byte taken as a signed value, so bytes
-// of multi-byte sequences never count.
+// of multi-byte sequences never count. ASCII white space is the same six
+// characters in every locale, so only other bytes need the call.
 bool IsSpaceByte(char b) noexcept {
+  if (b == ' ' || (b >= '\t' && b <= '\r')) return true;
+  if (static_cast<unsigned char>(b) < 0x80) return false;
   return std::iswspace(static_cast<wint_t>(static_cast<int>(static_cast<signed char>(b)))) != 0;
+}
+
+// A byte a string takes as it stands: ASCII other than the quote, the
+// backslash and the line feed.
+bool IsPlainStringByte(char b) noexcept {
+  return static_cast<unsigned char>(b) < 0x80 && b != '"' && b != '\\' && b != '\n';
 }
 
 void SkipSpace(const char*& p, const char* end) noexcept {
@@ -30,38 +41,6 @@ int HexDigitValue(char c) noexcept {
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   return -1;
-}
-
-// Decodes one UTF-8 character at `p` (before `end`) by the library's common
-// rules and moves `p` past it: a bad continuation byte consumes all the
-// bytes its lead byte announced and gives kInvalidChar, as does a lone bad
-// lead byte. A sequence running past `end` gives -1.
-std::int32_t NextChar(const char*& p, const char* end) noexcept {
-  if (p >= end) return -1;
-  const unsigned lead = static_cast<unsigned char>(*p++);
-  if (lead < 0x80) return static_cast<std::int32_t>(lead);
-  int extra = 0;
-  std::uint32_t value = 0;
-  if (lead >= 0xC0 && lead <= 0xDF) {
-    extra = 1;
-    value = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    extra = 2;
-    value = lead & 0x0F;
-  } else if (lead >= 0xF0 && lead <= 0xF7) {
-    extra = 3;
-    value = lead & 0x07;
-  } else {
-    return kInvalidChar;
-  }
-  bool bad = false;
-  for (int k = 0; k < extra; ++k) {
-    if (p >= end) return -1;
-    const unsigned c = static_cast<unsigned char>(*p++);
-    if ((c & 0xC0) != 0x80) bad = true;
-    value = (value << 6) | (c & 0x3F);
-  }
-  return bad ? kInvalidChar : static_cast<std::int32_t>(value);
 }
 
 // Reads `count` hexadecimal digits at `p` into `value`. False when fewer
@@ -85,13 +64,18 @@ bool ReadHexEscape(const char*& p, const char* end, int count, std::uint32_t& va
 // its closing quote. False for an unreadable string.
 bool ReadString(const char*& p, const char* end, CUTF8String& out) {
   for (;;) {
+    // A run of plain ASCII is copied at once; each of its bytes would decode
+    // and encode to itself.
+    const char* run = p;
+    while (p < end && IsPlainStringByte(*p)) ++p;
+    if (p != run) out.AppendBytes(run, static_cast<std::uint64_t>(p - run));
     if (p >= end || *p == '\n') return false;
     if (*p == '"') {
       ++p;
       return true;
     }
     if (*p != '\\') {
-      const std::int32_t c = NextChar(p, end);
+      const std::int32_t c = DecodeUTF8(p, end);
       if (c < 0) return false;
       out.AppendChar(static_cast<std::uint32_t>(c));
       continue;
@@ -155,7 +139,7 @@ bool ReadString(const char*& p, const char* end, CUTF8String& out) {
       default:
         // The backslash goes, and so does the whole character behind it.
         --p;
-        NextChar(p, end);
+        DecodeUTF8(p, end);
         break;
     }
   }
@@ -198,10 +182,41 @@ struct CContainer {
   CUTF8String key;
 };
 
+// The keys of one document. Objects of a document mostly repeat the same
+// few keys, so a key read before hands out its buffer again instead of a new
+// one. Only plain ASCII keys are kept, and only the first few dozen.
+class CKeyCache {
+ public:
+  // Reads a member's key, whose opening quote has been consumed, like
+  // ReadString.
+  bool ReadKey(const char*& p, const char* end, CUTF8String& out) {
+    const char* q = p;
+    while (q < end && IsPlainStringByte(*q)) ++q;
+    if (q >= end || *q != '"') return ReadString(p, end, out);
+    const std::string_view text(p, static_cast<std::size_t>(q - p));
+    p = q + 1;
+    for (std::size_t i = 0; i < count_; ++i) {
+      if (keys_[i].View() == text) {
+        out = keys_[i];
+        return true;
+      }
+    }
+    out = CUTF8String(text.data(), text.size());
+    if (count_ < kMaxKeys) keys_[count_++] = out;
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t kMaxKeys = 32;
+  std::array<CUTF8String, kMaxKeys> keys_;
+  std::size_t count_ = 0;
+};
+
 }  // namespace
 
 CJSValuePtr ParseJSON(const char*& position, const char* end) {
   const char* p = position;
+  CKeyCache keys;
   std::vector<CContainer> open;
   bool expectMember = false;  // else a value is expected
   for (;;) {
@@ -216,7 +231,7 @@ CJSValuePtr ParseJSON(const char*& position, const char* end) {
       } else if (p < end && *p == '"') {
         ++p;
         CUTF8String key;
-        if (ReadString(p, end, key)) {
+        if (keys.ReadKey(p, end, key)) {
           SkipSpace(p, end);
           if (p < end && *p == ':') {
             ++p;

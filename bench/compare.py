@@ -1,0 +1,199 @@
+#!/usr/bin/env python3
+"""Runs the benchmark programs and the spy workload, and sets each of our
+figures against its floor or peer as a ratio.
+
+Every figure is measured side by side in one run: Google Benchmark runs ours
+and the reference in the same process, repetitions randomly interleaved, and
+the medians of the repetitions are compared; the spy workload runs all its
+configurations round by round. The machine is shared and noisy, so only the
+ratios mean something, not the absolute numbers.
+
+Writes the table to <out> as a list of objects with the keys "name", "ours",
+"reference", "unit", "ratio", "target" and "met" (target and met are null for
+figures reported for information), a Markdown copy beside it, and prints it.
+"""
+
+import argparse
+import json
+import os
+import subprocess
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def log(message):
+    print(f"bench: {message}", file=sys.stderr, flush=True)
+
+
+def run_benchmark(program, extra, repetitions, min_time):
+    """Runs one Google Benchmark program; returns {run name: median row}."""
+    command = [program] + extra + [
+        f"--benchmark_repetitions={repetitions}",
+        f"--benchmark_min_time={min_time}",
+        "--benchmark_enable_random_interleaving=true",
+        "--benchmark_report_aggregates_only=true",
+        "--benchmark_format=json",
+    ]
+    log(" ".join(os.path.basename(part) if i == 0 else part for i, part in enumerate(command)))
+    result = subprocess.run(command, stdout=subprocess.PIPE, check=True)
+    medians = {}
+    for row in json.loads(result.stdout)["benchmarks"]:
+        if row.get("aggregate_name") == "median":
+            medians[row["run_name"]] = row
+    return medians
+
+
+def ns_per_call(row):
+    """CPU time per iteration in nanoseconds."""
+    scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[row["time_unit"]]
+    return row["cpu_time"] * scale
+
+
+def figure(name, ours, reference, unit, lower_is_better, target=None):
+    ratio = ours / reference if reference else float("inf")
+    met = None
+    if target is not None:
+        met = ratio <= target if lower_is_better else ratio >= target
+    return {
+        "name": name,
+        "ours": round(ours, 3),
+        "reference": round(reference, 3),
+        "unit": unit,
+        "ratio": round(ratio, 3),
+        "target": None if target is None else f"{'<=' if lower_is_better else '>='} {target}",
+        "met": met,
+    }
+
+
+def trace_figures(bench_dir, repetitions, min_time):
+    program = os.path.join(bench_dir, "zelph_trace_bench")
+    off = run_benchmark(program, ["--tracing=off"], repetitions, min_time)
+    on = run_benchmark(program, ["--tracing=on"], repetitions, min_time)
+    one = on["TraceOn/TraceStringThreads/real_time/threads:1"]["items_per_second"]
+    eight = on["TraceOn/TraceStringThreads/real_time/threads:8"]["items_per_second"]
+    return [
+        figure("TraceString, tracing off vs recursive mutex lock+unlock",
+               ns_per_call(off["TraceOff/TraceString"]),
+               ns_per_call(off["TraceOff/RecursiveMutexFloor"]), "ns/call", True, 1.5),
+        figure("TraceString, tracing on, 1 thread vs fprintf+fflush of the same bytes",
+               on["TraceOn/TraceString"]["items_per_second"],
+               on["TraceOn/FprintfFloor"]["items_per_second"], "lines/s", False, 0.8),
+        figure("TraceTemplate, 10 attributes vs TraceString of the same lines",
+               ns_per_call(on["TraceOn/TraceTemplate10"]),
+               ns_per_call(on["TraceOn/TraceStringTemplateText"]), "ns/call", True, 2),
+        figure("TraceString, 8 threads at once vs 1 thread (all lines, wall clock)",
+               eight, one, "lines/s", False, 0.7),
+    ]
+
+
+def names_figures(bench_dir, repetitions, min_time):
+    rows = run_benchmark(os.path.join(bench_dir, "zelph_names_bench"), [], repetitions, min_time)
+    return [
+        figure("Name lookups, 3 known : 1 unknown vs std::unordered_map",
+               1e9 / rows["Names/NameTables"]["items_per_second"],
+               1e9 / rows["Names/UnorderedMap"]["items_per_second"], "ns/lookup", True, 1),
+    ]
+
+
+def parser_figures(bench_dir, repetitions, min_time, program, kind, target_peer, other_peer):
+    rows = run_benchmark(os.path.join(bench_dir, program), [], repetitions, min_time)
+    figures = []
+    for size, label in ((1024, "1 KB"), (32768, "32 KB"), (1048576, "1 MB")):
+        ours = rows[f"{kind}/Ours/{size}"]["bytes_per_second"] / 1e6
+        for (peer, display), target in ((target_peer, 1), (other_peer, None)):
+            theirs = rows[f"{kind}/{peer}/{size}"]["bytes_per_second"] / 1e6
+            figures.append(figure(f"{kind.upper()} parse, {label} vs {display}", ours, theirs,
+                                  "MB/s", False, target))
+    return figures
+
+
+def spy_figures(bench_dir, rounds):
+    spy = os.path.join(bench_dir, "lib", "libzelphspy.so")
+    script = os.path.join(HERE, "spy_workload.py")
+    command = [sys.executable, script, "--spy", spy, "--rounds", str(rounds)]
+    # p11-kit's proxy is measured in a mount namespace of its own (see the
+    # script); without one the other configurations still run.
+    private = ["unshare", "--mount", "--propagation", "private"] + command + ["--private-mounts"]
+    result = subprocess.run(private, stdout=subprocess.PIPE)
+    if result.returncode != 0:
+        log("no mount namespace for p11-kit's proxy; running the spy workload without it")
+        result = subprocess.run(command, stdout=subprocess.PIPE, check=True)
+    data = json.loads(result.stdout)
+    overhead = data["overhead_ms"]
+    figures = [
+        figure("Spy overhead on a pkcs11-tool workload, tracing on vs pkcs11-spy",
+               overhead["zelph-on"], overhead["pkcs11-spy"], "ms/workload", True, 1),
+        figure("Spy overhead on a pkcs11-tool workload, tracing off vs pkcs11-spy",
+               overhead["zelph-off"], overhead["pkcs11-spy"], "ms/workload", True),
+    ]
+    if "p11-kit" in overhead:
+        figures.append(figure("Spy overhead on a pkcs11-tool workload, tracing on vs p11-kit "
+                              "log-calls", overhead["zelph-on"], overhead["p11-kit"],
+                              "ms/workload", True))
+    figures.append(figure("pkcs11-tool workload, whole time through our spy (tracing on) vs "
+                          "directly", data["median_ms"]["zelph-on"], data["median_ms"]["direct"],
+                          "ms/workload", True))
+    return figures
+
+
+def number(value):
+    """A figure's value for the table: millions as "1.63 M"."""
+    return f"{value / 1e6:.3g} M" if value >= 1e5 else f"{value:.4g}"
+
+
+def markdown(figures):
+    lines = ["| Figure | Ours | Reference | Unit | Ratio | Target | Met |",
+             "|---|---:|---:|---|---:|---|---|"]
+    for f in figures:
+        met = "" if f["met"] is None else ("yes" if f["met"] else "**no**")
+        lines.append(f"| {f['name']} | {number(f['ours'])} | {number(f['reference'])} | {f['unit']} | "
+                     f"{f['ratio']:.2f} | {f['target'] or ''} | {met} |")
+    return "\n".join(lines) + "\n"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build-dir", required=True,
+                        help="the CMake tree built with ZELPH_BUILD_BENCH=ON")
+    parser.add_argument("--out", required=True, help="where results.json goes")
+    parser.add_argument("--repetitions", type=int, default=15)
+    parser.add_argument("--min-time", type=float, default=0.2,
+                        help="seconds per repetition of each benchmark")
+    parser.add_argument("--rounds", type=int, default=21, help="rounds of the spy workload")
+    parser.add_argument("--only", choices=["trace", "names", "json", "xml", "spy"],
+                        action="append", help="run only these groups (repeatable)")
+    args = parser.parse_args()
+
+    bench_dir = os.path.join(args.build_dir, "bench")
+    groups = args.only or ["trace", "names", "json", "xml", "spy"]
+    figures = []
+    if "trace" in groups:
+        figures += trace_figures(bench_dir, args.repetitions, args.min_time)
+    if "names" in groups:
+        figures += names_figures(bench_dir, args.repetitions, args.min_time)
+    if "json" in groups:
+        figures += parser_figures(bench_dir, args.repetitions, args.min_time, "zelph_json_bench",
+                                  "Json", ("Nlohmann", "nlohmann-json"), ("RapidJSON", "RapidJSON"))
+    if "xml" in groups:
+        figures += parser_figures(bench_dir, args.repetitions, args.min_time, "zelph_xml_bench",
+                                  "Xml", ("TinyXML2", "tinyxml2"), ("pugixml", "pugixml"))
+    if "spy" in groups:
+        figures += spy_figures(args.build_dir, args.rounds)
+
+    os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
+    with open(args.out, "w") as f:
+        json.dump(figures, f, indent=2)
+        f.write("\n")
+    table = markdown(figures)
+    with open(os.path.splitext(args.out)[0] + ".md", "w") as f:
+        f.write(table)
+    print()
+    print(table)
+    missed = [f["name"] for f in figures if f["met"] is False]
+    print(f"{len(figures)} figures, {sum(f['met'] is True for f in figures)} targets met, "
+          f"{len(missed)} missed" + (": " + "; ".join(missed) if missed else ""))
+
+
+if __name__ == "__main__":
+    main()
