@@ -98,11 +98,11 @@ CK_RV ForwardTransform(const char* name, Function CK_FUNCTION_LIST::*function,
                        CK_ULONG ulInLen, const char* outName, CK_BYTE_PTR pOut,
                        const char* outLenName, CK_ULONG_PTR pulOutLen) noexcept {
   CSpyCall call(name);
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputBuffer(inName, pIn, ulInLen);
-  zelph::TraceOutputBuffer(outName, pOut, outLenName, pulOutLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputBuffer(call, inName, pIn, ulInLen);
+  zelph::TraceOutputBuffer(call, outName, pOut, outLenName, pulOutLen);
   const CK_RV rv = call.Forward(function, hSession, pIn, ulInLen, pOut, pulOutLen);
-  zelph::TraceOutputLength(outLenName, pulOutLen, rv);
+  zelph::TraceOutputLength(call, outLenName, pulOutLen, rv);
   return call.Return(rv);
 }
 
@@ -113,10 +113,10 @@ CK_RV ForwardFinal(const char* name, Function CK_FUNCTION_LIST::*function,
                    CK_SESSION_HANDLE hSession, const char* outName, CK_BYTE_PTR pOut,
                    const char* outLenName, CK_ULONG_PTR pulOutLen) noexcept {
   CSpyCall call(name);
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceOutputBuffer(outName, pOut, outLenName, pulOutLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceOutputBuffer(call, outName, pOut, outLenName, pulOutLen);
   const CK_RV rv = call.Forward(function, hSession, pOut, pulOutLen);
-  zelph::TraceOutputLength(outLenName, pulOutLen, rv);
+  zelph::TraceOutputLength(call, outLenName, pulOutLen, rv);
   return call.Return(rv);
 }
 
@@ -125,8 +125,8 @@ template <class Function>
 CK_RV ForwardUpdate(const char* name, Function CK_FUNCTION_LIST::*function,
                     CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) noexcept {
   CSpyCall call(name);
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputBuffer("pPart", pPart, ulPartLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputBuffer(call, "pPart", pPart, ulPartLen);
   return call.Return(call.Forward(function, hSession, pPart, ulPartLen));
 }
 
@@ -136,9 +136,9 @@ CK_RV ForwardKeyInit(const char* name, Function CK_FUNCTION_LIST::*function,
                      CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                      CK_OBJECT_HANDLE hKey) noexcept {
   CSpyCall call(name);
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceMechanismArgument(pMechanism);
-  zelph::TraceNumber("hKey", hKey);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceMechanismArgument(call, pMechanism);
+  zelph::TraceNumber(call, "hKey", hKey);
   return call.Return(call.Forward(function, hSession, pMechanism, hKey));
 }
 
@@ -147,7 +147,7 @@ template <class Function>
 CK_RV ForwardSession(const char* name, Function CK_FUNCTION_LIST::*function,
                      CK_SESSION_HANDLE hSession) noexcept {
   CSpyCall call(name);
-  zelph::TraceNumber("hSession", hSession);
+  zelph::TraceNumber(call, "hSession", hSession);
   return call.Return(call.Forward(function, hSession));
 }
 
@@ -157,11 +157,14 @@ CK_RV ForwardSession(const char* name, Function CK_FUNCTION_LIST::*function,
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
   CSpyCall call("C_Initialize");
-  zelph::TraceInitArgs(pInitArgs);
+  zelph::TraceInitArgs(call, pInitArgs);
+  // Loading the module runs its code: the arguments are in the log before.
+  call.FlushLines();
   try {
     std::string error;
     if (!zelph::CSpyModule::Get().Load(&spyFunctions, error)) {
       std::fprintf(stderr, "zelph spy: %s\n", error.c_str());
+      // The text names the module's path: an argument, never the format.
       TraceString("Cannot forward: %s", error.c_str());
       return call.Return(CKR_GENERAL_ERROR);
     }
@@ -174,14 +177,14 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_Finalize(CK_VOID_PTR pReserved) {
   CSpyCall call("C_Finalize");
-  TraceString("pReserved %s", pReserved == nullptr ? "NULL" : "set");
+  call.Line("pReserved %s", pReserved == nullptr ? "NULL" : "set");
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_Finalize, pReserved));
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
   CSpyCall call("C_GetInfo");
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GetInfo, pInfo);
-  if (pInfo != nullptr && HasOutput(rv)) zelph::TraceInfo(*pInfo);
+  if (pInfo != nullptr && HasOutput(rv)) zelph::TraceInfo(call, *pInfo);
   return call.Return(rv);
 }
 
@@ -199,38 +202,41 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR ppF
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR pSlotList,
                                                 CK_ULONG_PTR pulCount) {
   CSpyCall call("C_GetSlotList");
-  TraceString("tokenPresent = %s", tokenPresent ? "CK_TRUE" : "CK_FALSE");
-  zelph::TraceOutputBuffer("pSlotList", pSlotList, "pulCount", pulCount, "slots");
+  call.Line("tokenPresent = %s", tokenPresent ? "CK_TRUE" : "CK_FALSE");
+  zelph::TraceOutputBuffer(call, "pSlotList", pSlotList, "pulCount", pulCount, "slots");
   const CK_RV rv =
       call.Forward(&CK_FUNCTION_LIST::C_GetSlotList, tokenPresent, pSlotList, pulCount);
-  zelph::TraceOutputLength("*pulCount", pulCount, rv);
+  zelph::TraceOutputLength(call, "*pulCount", pulCount, rv);
   if (pulCount != nullptr && HasOutput(rv))
-    zelph::TraceHandleList("pSlotList", pSlotList, *pulCount);
+    zelph::TraceHandleList(call, "pSlotList", pSlotList, *pulCount);
   return call.Return(rv);
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo) {
   CSpyCall call("C_GetSlotInfo");
-  zelph::TraceNumber("slotID", slotID);
+  zelph::TraceNumber(call, "slotID", slotID);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GetSlotInfo, slotID, pInfo);
-  if (pInfo != nullptr && HasOutput(rv)) zelph::TraceSlotInfo(*pInfo);
+  if (pInfo != nullptr && HasOutput(rv)) zelph::TraceSlotInfo(call, *pInfo);
   return call.Return(rv);
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
   CSpyCall call("C_GetTokenInfo");
-  zelph::TraceNumber("slotID", slotID);
+  zelph::TraceNumber(call, "slotID", slotID);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GetTokenInfo, slotID, pInfo);
-  if (pInfo != nullptr && HasOutput(rv)) TraceTokenInfo(pInfo);
+  if (pInfo != nullptr && HasOutput(rv)) {
+    call.FlushLines();
+    TraceTokenInfo(pInfo);
+  }
   return call.Return(rv);
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot,
                                                      CK_VOID_PTR pReserved) {
   CSpyCall call("C_WaitForSlotEvent");
-  zelph::TraceFlags("flags", flags);
+  zelph::TraceFlags(call, "flags", flags);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_WaitForSlotEvent, flags, pSlot, pReserved);
-  zelph::TraceOutputHandle("*pSlot", pSlot, rv);
+  zelph::TraceOutputHandle(call, "*pSlot", pSlot, rv);
   return call.Return(rv);
 }
 
@@ -238,33 +244,41 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_GetMechanismList(CK_SLOT_ID slotID,
                                                      CK_MECHANISM_TYPE_PTR pMechanismList,
                                                      CK_ULONG_PTR pulCount) {
   CSpyCall call("C_GetMechanismList");
-  zelph::TraceNumber("slotID", slotID);
-  zelph::TraceOutputBuffer("pMechanismList", pMechanismList, "pulCount", pulCount, "mechanisms");
+  zelph::TraceNumber(call, "slotID", slotID);
+  zelph::TraceOutputBuffer(call, "pMechanismList", pMechanismList, "pulCount", pulCount,
+                           "mechanisms");
   const CK_RV rv =
       call.Forward(&CK_FUNCTION_LIST::C_GetMechanismList, slotID, pMechanismList, pulCount);
-  zelph::TraceOutputLength("*pulCount", pulCount, rv);
-  if (pulCount != nullptr && HasOutput(rv)) zelph::TraceMechanismList(pMechanismList, *pulCount);
+  zelph::TraceOutputLength(call, "*pulCount", pulCount, rv);
+  if (pulCount != nullptr && HasOutput(rv))
+    zelph::TraceMechanismList(call, pMechanismList, *pulCount);
   return call.Return(rv);
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type,
                                                      CK_MECHANISM_INFO_PTR pInfo) {
   CSpyCall call("C_GetMechanismInfo");
-  zelph::TraceNumber("slotID", slotID);
-  zelph::TraceMechanismType("type", type);
+  zelph::TraceNumber(call, "slotID", slotID);
+  zelph::TraceMechanismType(call, "type", type);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GetMechanismInfo, slotID, type, pInfo);
-  if (pInfo != nullptr && HasOutput(rv)) TraceMechanismInfo(pInfo);
+  if (pInfo != nullptr && HasOutput(rv)) {
+    call.FlushLines();
+    TraceMechanismInfo(pInfo);
+  }
   return call.Return(rv);
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_InitToken(CK_SLOT_ID slotID, CK_UTF8CHAR_PTR pPin,
                                               CK_ULONG ulPinLen, CK_UTF8CHAR_PTR pLabel) {
   CSpyCall call("C_InitToken");
-  zelph::TraceNumber("slotID", slotID);
-  zelph::TracePin("pPin", pPin, ulPinLen);
+  zelph::TraceNumber(call, "slotID", slotID);
+  zelph::TracePin(call, "pPin", pPin, ulPinLen);
   if (pLabel == nullptr) {
-    TraceString("pLabel = NULL");
+    call.Line("pLabel = NULL");
   } else {
+    // The application's label is an argument, so that it reaches the log
+    // unchanged.
+    call.FlushLines();
     TraceString("pLabel = \"%.32s\"", reinterpret_cast<const char*>(pLabel));
   }
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_InitToken, slotID, pPin, ulPinLen, pLabel));
@@ -273,8 +287,8 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_InitToken(CK_SLOT_ID slotID, CK_UTF8CHAR_PTR
 extern "C" ZELPH_SPY_EXPORT CK_RV C_InitPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR pPin,
                                             CK_ULONG ulPinLen) {
   CSpyCall call("C_InitPIN");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TracePin("pPin", pPin, ulPinLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TracePin(call, "pPin", pPin, ulPinLen);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_InitPIN, hSession, pPin, ulPinLen));
 }
 
@@ -282,9 +296,9 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CH
                                            CK_ULONG ulOldLen, CK_UTF8CHAR_PTR pNewPin,
                                            CK_ULONG ulNewLen) {
   CSpyCall call("C_SetPIN");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TracePin("pOldPin", pOldPin, ulOldLen);
-  zelph::TracePin("pNewPin", pNewPin, ulNewLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TracePin(call, "pOldPin", pOldPin, ulOldLen);
+  zelph::TracePin(call, "pNewPin", pNewPin, ulNewLen);
   return call.Return(
       call.Forward(&CK_FUNCTION_LIST::C_SetPIN, hSession, pOldPin, ulOldLen, pNewPin, ulNewLen));
 }
@@ -295,13 +309,13 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flag
                                                 CK_VOID_PTR pApplication, CK_NOTIFY Notify,
                                                 CK_SESSION_HANDLE_PTR phSession) {
   CSpyCall call("C_OpenSession");
-  zelph::TraceNumber("slotID", slotID);
-  zelph::TraceFlags("flags", flags);
-  TraceString("pApplication %s, Notify %s", pApplication == nullptr ? "NULL" : "set",
-              Notify == nullptr ? "NULL" : "set");
+  zelph::TraceNumber(call, "slotID", slotID);
+  zelph::TraceFlags(call, "flags", flags);
+  call.Line("pApplication %s, Notify %s", pApplication == nullptr ? "NULL" : "set",
+            Notify == nullptr ? "NULL" : "set");
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_OpenSession, slotID, flags, pApplication,
                                 Notify, phSession);
-  zelph::TraceOutputHandle("*phSession", phSession, rv);
+  zelph::TraceOutputHandle(call, "*phSession", phSession, rv);
   return call.Return(rv);
 }
 
@@ -311,16 +325,16 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_CloseSession(CK_SESSION_HANDLE hSession) {
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_CloseAllSessions(CK_SLOT_ID slotID) {
   CSpyCall call("C_CloseAllSessions");
-  zelph::TraceNumber("slotID", slotID);
+  zelph::TraceNumber(call, "slotID", slotID);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_CloseAllSessions, slotID));
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession,
                                                    CK_SESSION_INFO_PTR pInfo) {
   CSpyCall call("C_GetSessionInfo");
-  zelph::TraceNumber("hSession", hSession);
+  zelph::TraceNumber(call, "hSession", hSession);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GetSessionInfo, hSession, pInfo);
-  if (pInfo != nullptr && HasOutput(rv)) zelph::TraceSessionInfo(*pInfo);
+  if (pInfo != nullptr && HasOutput(rv)) zelph::TraceSessionInfo(call, *pInfo);
   return call.Return(rv);
 }
 
@@ -339,10 +353,10 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_SetOperationState(CK_SESSION_HANDLE hSession
                                                       CK_OBJECT_HANDLE hEncryptionKey,
                                                       CK_OBJECT_HANDLE hAuthenticationKey) {
   CSpyCall call("C_SetOperationState");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputBuffer("pOperationState", pOperationState, ulOperationStateLen);
-  zelph::TraceNumber("hEncryptionKey", hEncryptionKey);
-  zelph::TraceNumber("hAuthenticationKey", hAuthenticationKey);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputBuffer(call, "pOperationState", pOperationState, ulOperationStateLen);
+  zelph::TraceNumber(call, "hEncryptionKey", hEncryptionKey);
+  zelph::TraceNumber(call, "hAuthenticationKey", hAuthenticationKey);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_SetOperationState, hSession, pOperationState,
                                   ulOperationStateLen, hEncryptionKey, hAuthenticationKey));
 }
@@ -350,9 +364,9 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_SetOperationState(CK_SESSION_HANDLE hSession
 extern "C" ZELPH_SPY_EXPORT CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType,
                                           CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen) {
   CSpyCall call("C_Login");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceUserType("userType", userType);
-  zelph::TracePin("pPin", pPin, ulPinLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceUserType(call, "userType", userType);
+  zelph::TracePin(call, "pPin", pPin, ulPinLen);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_Login, hSession, userType, pPin, ulPinLen));
 }
 
@@ -366,11 +380,11 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_CreateObject(CK_SESSION_HANDLE hSession,
                                                  CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                                                  CK_OBJECT_HANDLE_PTR phObject) {
   CSpyCall call("C_CreateObject");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputTemplate("pTemplate", pTemplate, ulCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputTemplate(call, "pTemplate", pTemplate, ulCount);
   const CK_RV rv =
       call.Forward(&CK_FUNCTION_LIST::C_CreateObject, hSession, pTemplate, ulCount, phObject);
-  zelph::TraceOutputHandle("*phObject", phObject, rv);
+  zelph::TraceOutputHandle(call, "*phObject", phObject, rv);
   return call.Return(rv);
 }
 
@@ -378,30 +392,30 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OB
                                                CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                                                CK_OBJECT_HANDLE_PTR phNewObject) {
   CSpyCall call("C_CopyObject");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceNumber("hObject", hObject);
-  zelph::TraceInputTemplate("pTemplate", pTemplate, ulCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceNumber(call, "hObject", hObject);
+  zelph::TraceInputTemplate(call, "pTemplate", pTemplate, ulCount);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_CopyObject, hSession, hObject, pTemplate,
                                 ulCount, phNewObject);
-  zelph::TraceOutputHandle("*phNewObject", phNewObject, rv);
+  zelph::TraceOutputHandle(call, "*phNewObject", phNewObject, rv);
   return call.Return(rv);
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession,
                                                   CK_OBJECT_HANDLE hObject) {
   CSpyCall call("C_DestroyObject");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceNumber("hObject", hObject);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceNumber(call, "hObject", hObject);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_DestroyObject, hSession, hObject));
 }
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession,
                                                   CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize) {
   CSpyCall call("C_GetObjectSize");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceNumber("hObject", hObject);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceNumber(call, "hObject", hObject);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GetObjectSize, hSession, hObject, pulSize);
-  zelph::TraceOutputHandle("*pulSize", pulSize, rv);
+  zelph::TraceOutputHandle(call, "*pulSize", pulSize, rv);
   return call.Return(rv);
 }
 
@@ -410,12 +424,12 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession
                                                       CK_ATTRIBUTE_PTR pTemplate,
                                                       CK_ULONG ulCount) {
   CSpyCall call("C_GetAttributeValue");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceNumber("hObject", hObject);
-  zelph::TraceQueryTemplate(pTemplate, ulCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceNumber(call, "hObject", hObject);
+  zelph::TraceQueryTemplate(call, pTemplate, ulCount);
   const CK_RV rv =
       call.Forward(&CK_FUNCTION_LIST::C_GetAttributeValue, hSession, hObject, pTemplate, ulCount);
-  zelph::TraceAnswerTemplate(pTemplate, ulCount, rv);
+  zelph::TraceAnswerTemplate(call, pTemplate, ulCount, rv);
   return call.Return(rv);
 }
 
@@ -424,9 +438,9 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession
                                                       CK_ATTRIBUTE_PTR pTemplate,
                                                       CK_ULONG ulCount) {
   CSpyCall call("C_SetAttributeValue");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceNumber("hObject", hObject);
-  zelph::TraceInputTemplate("pTemplate", pTemplate, ulCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceNumber(call, "hObject", hObject);
+  zelph::TraceInputTemplate(call, "pTemplate", pTemplate, ulCount);
   return call.Return(
       call.Forward(&CK_FUNCTION_LIST::C_SetAttributeValue, hSession, hObject, pTemplate, ulCount));
 }
@@ -434,8 +448,8 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession
 extern "C" ZELPH_SPY_EXPORT CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession,
                                                     CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
   CSpyCall call("C_FindObjectsInit");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputTemplate("pTemplate", pTemplate, ulCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputTemplate(call, "pTemplate", pTemplate, ulCount);
   return call.Return(
       call.Forward(&CK_FUNCTION_LIST::C_FindObjectsInit, hSession, pTemplate, ulCount));
 }
@@ -445,13 +459,13 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_FindObjects(CK_SESSION_HANDLE hSession,
                                                 CK_ULONG ulMaxObjectCount,
                                                 CK_ULONG_PTR pulObjectCount) {
   CSpyCall call("C_FindObjects");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceNumber("ulMaxObjectCount", ulMaxObjectCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceNumber(call, "ulMaxObjectCount", ulMaxObjectCount);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_FindObjects, hSession, phObject,
                                 ulMaxObjectCount, pulObjectCount);
-  zelph::TraceOutputHandle("*pulObjectCount", pulObjectCount, rv);
+  zelph::TraceOutputHandle(call, "*pulObjectCount", pulObjectCount, rv);
   if (pulObjectCount != nullptr && HasOutput(rv) && *pulObjectCount <= ulMaxObjectCount) {
-    zelph::TraceHandleList("phObject", phObject, *pulObjectCount);
+    zelph::TraceHandleList(call, "phObject", phObject, *pulObjectCount);
   }
   return call.Return(rv);
 }
@@ -528,8 +542,8 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_DecryptFinal(CK_SESSION_HANDLE hSession, CK_
 extern "C" ZELPH_SPY_EXPORT CK_RV C_DigestInit(CK_SESSION_HANDLE hSession,
                                                CK_MECHANISM_PTR pMechanism) {
   CSpyCall call("C_DigestInit");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceMechanismArgument(pMechanism);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceMechanismArgument(call, pMechanism);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_DigestInit, hSession, pMechanism));
 }
 
@@ -548,8 +562,8 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_
 
 extern "C" ZELPH_SPY_EXPORT CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey) {
   CSpyCall call("C_DigestKey");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceNumber("hKey", hKey);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceNumber(call, "hKey", hKey);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_DigestKey, hSession, hKey));
 }
 
@@ -609,9 +623,9 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_P
                                            CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
                                            CK_ULONG ulSignatureLen) {
   CSpyCall call("C_Verify");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputBuffer("pData", pData, ulDataLen);
-  zelph::TraceInputBuffer("pSignature", pSignature, ulSignatureLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputBuffer(call, "pData", pData, ulDataLen);
+  zelph::TraceInputBuffer(call, "pSignature", pSignature, ulSignatureLen);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_Verify, hSession, pData, ulDataLen,
                                   pSignature, ulSignatureLen));
 }
@@ -625,8 +639,8 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_
 extern "C" ZELPH_SPY_EXPORT CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature,
                                                 CK_ULONG ulSignatureLen) {
   CSpyCall call("C_VerifyFinal");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputBuffer("pSignature", pSignature, ulSignatureLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputBuffer(call, "pSignature", pSignature, ulSignatureLen);
   return call.Return(
       call.Forward(&CK_FUNCTION_LIST::C_VerifyFinal, hSession, pSignature, ulSignatureLen));
 }
@@ -693,12 +707,12 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_GenerateKey(CK_SESSION_HANDLE hSession,
                                                 CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                                                 CK_OBJECT_HANDLE_PTR phKey) {
   CSpyCall call("C_GenerateKey");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceMechanismArgument(pMechanism);
-  zelph::TraceInputTemplate("pTemplate", pTemplate, ulCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceMechanismArgument(call, pMechanism);
+  zelph::TraceInputTemplate(call, "pTemplate", pTemplate, ulCount);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GenerateKey, hSession, pMechanism, pTemplate,
                                 ulCount, phKey);
-  zelph::TraceOutputHandle("*phKey", phKey, rv);
+  zelph::TraceOutputHandle(call, "*phKey", phKey, rv);
   return call.Return(rv);
 }
 
@@ -708,15 +722,17 @@ C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                   CK_ATTRIBUTE_PTR pPrivateKeyTemplate, CK_ULONG ulPrivateKeyAttributeCount,
                   CK_OBJECT_HANDLE_PTR phPublicKey, CK_OBJECT_HANDLE_PTR phPrivateKey) {
   CSpyCall call("C_GenerateKeyPair");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceMechanismArgument(pMechanism);
-  zelph::TraceInputTemplate("pPublicKeyTemplate", pPublicKeyTemplate, ulPublicKeyAttributeCount);
-  zelph::TraceInputTemplate("pPrivateKeyTemplate", pPrivateKeyTemplate, ulPrivateKeyAttributeCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceMechanismArgument(call, pMechanism);
+  zelph::TraceInputTemplate(call, "pPublicKeyTemplate", pPublicKeyTemplate,
+                            ulPublicKeyAttributeCount);
+  zelph::TraceInputTemplate(call, "pPrivateKeyTemplate", pPrivateKeyTemplate,
+                            ulPrivateKeyAttributeCount);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_GenerateKeyPair, hSession, pMechanism,
                                 pPublicKeyTemplate, ulPublicKeyAttributeCount, pPrivateKeyTemplate,
                                 ulPrivateKeyAttributeCount, phPublicKey, phPrivateKey);
-  zelph::TraceOutputHandle("*phPublicKey", phPublicKey, rv);
-  zelph::TraceOutputHandle("*phPrivateKey", phPrivateKey, rv);
+  zelph::TraceOutputHandle(call, "*phPublicKey", phPublicKey, rv);
+  zelph::TraceOutputHandle(call, "*phPrivateKey", phPrivateKey, rv);
   return call.Return(rv);
 }
 
@@ -726,14 +742,14 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_WrapKey(CK_SESSION_HANDLE hSession, CK_MECHA
                                             CK_BYTE_PTR pWrappedKey,
                                             CK_ULONG_PTR pulWrappedKeyLen) {
   CSpyCall call("C_WrapKey");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceMechanismArgument(pMechanism);
-  zelph::TraceNumber("hWrappingKey", hWrappingKey);
-  zelph::TraceNumber("hKey", hKey);
-  zelph::TraceOutputBuffer("pWrappedKey", pWrappedKey, "*pulWrappedKeyLen", pulWrappedKeyLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceMechanismArgument(call, pMechanism);
+  zelph::TraceNumber(call, "hWrappingKey", hWrappingKey);
+  zelph::TraceNumber(call, "hKey", hKey);
+  zelph::TraceOutputBuffer(call, "pWrappedKey", pWrappedKey, "*pulWrappedKeyLen", pulWrappedKeyLen);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_WrapKey, hSession, pMechanism, hWrappingKey,
                                 hKey, pWrappedKey, pulWrappedKeyLen);
-  zelph::TraceOutputLength("*pulWrappedKeyLen", pulWrappedKeyLen, rv);
+  zelph::TraceOutputLength(call, "*pulWrappedKeyLen", pulWrappedKeyLen, rv);
   return call.Return(rv);
 }
 
@@ -744,15 +760,15 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_UnwrapKey(CK_SESSION_HANDLE hSession,
                                               CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount,
                                               CK_OBJECT_HANDLE_PTR phKey) {
   CSpyCall call("C_UnwrapKey");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceMechanismArgument(pMechanism);
-  zelph::TraceNumber("hUnwrappingKey", hUnwrappingKey);
-  zelph::TraceInputBuffer("pWrappedKey", pWrappedKey, ulWrappedKeyLen);
-  zelph::TraceInputTemplate("pTemplate", pTemplate, ulAttributeCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceMechanismArgument(call, pMechanism);
+  zelph::TraceNumber(call, "hUnwrappingKey", hUnwrappingKey);
+  zelph::TraceInputBuffer(call, "pWrappedKey", pWrappedKey, ulWrappedKeyLen);
+  zelph::TraceInputTemplate(call, "pTemplate", pTemplate, ulAttributeCount);
   const CK_RV rv =
       call.Forward(&CK_FUNCTION_LIST::C_UnwrapKey, hSession, pMechanism, hUnwrappingKey,
                    pWrappedKey, ulWrappedKeyLen, pTemplate, ulAttributeCount, phKey);
-  zelph::TraceOutputHandle("*phKey", phKey, rv);
+  zelph::TraceOutputHandle(call, "*phKey", phKey, rv);
   return call.Return(rv);
 }
 
@@ -762,13 +778,13 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession,
                                               CK_ULONG ulAttributeCount,
                                               CK_OBJECT_HANDLE_PTR phKey) {
   CSpyCall call("C_DeriveKey");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceMechanismArgument(pMechanism);
-  zelph::TraceNumber("hBaseKey", hBaseKey);
-  zelph::TraceInputTemplate("pTemplate", pTemplate, ulAttributeCount);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceMechanismArgument(call, pMechanism);
+  zelph::TraceNumber(call, "hBaseKey", hBaseKey);
+  zelph::TraceInputTemplate(call, "pTemplate", pTemplate, ulAttributeCount);
   const CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_DeriveKey, hSession, pMechanism, hBaseKey,
                                 pTemplate, ulAttributeCount, phKey);
-  zelph::TraceOutputHandle("*phKey", phKey, rv);
+  zelph::TraceOutputHandle(call, "*phKey", phKey, rv);
   return call.Return(rv);
 }
 
@@ -777,8 +793,8 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession,
 extern "C" ZELPH_SPY_EXPORT CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSeed,
                                                CK_ULONG ulSeedLen) {
   CSpyCall call("C_SeedRandom");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputBuffer("pSeed", pSeed, ulSeedLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputBuffer(call, "pSeed", pSeed, ulSeedLen);
   return call.Return(call.Forward(&CK_FUNCTION_LIST::C_SeedRandom, hSession, pSeed, ulSeedLen));
 }
 
@@ -786,8 +802,8 @@ extern "C" ZELPH_SPY_EXPORT CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BY
 extern "C" ZELPH_SPY_EXPORT CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession,
                                                    CK_BYTE_PTR RandomData, CK_ULONG ulRandomLen) {
   CSpyCall call("C_GenerateRandom");
-  zelph::TraceNumber("hSession", hSession);
-  zelph::TraceInputBuffer("RandomData", RandomData, ulRandomLen);
+  zelph::TraceNumber(call, "hSession", hSession);
+  zelph::TraceInputBuffer(call, "RandomData", RandomData, ulRandomLen);
   return call.Return(
       call.Forward(&CK_FUNCTION_LIST::C_GenerateRandom, hSession, RandomData, ulRandomLen));
 }

@@ -1,6 +1,7 @@
 #include "spy/SpyTrace.h"
 
 #include <cstdio>
+#include <iterator>
 #include <string>
 
 #include "zelph/trace.h"
@@ -39,54 +40,58 @@ const char* Plural(CK_ULONG count) noexcept {
 
 }  // namespace
 
-void TraceNumber(const char* name, CK_ULONG value) noexcept {
-  TraceString("%s = %lu", name, value);
+void TraceNumber(CSpyCall& call, const char* name, CK_ULONG value) noexcept {
+  call.Line("%s = %lu", name, value);
 }
 
-void TraceFlags(const char* name, CK_FLAGS value) noexcept {
-  TraceString("%s = 0x%08lX", name, value);
+void TraceFlags(CSpyCall& call, const char* name, CK_FLAGS value) noexcept {
+  call.Line("%s = 0x%08lX", name, value);
 }
 
-void TraceUserType(const char* name, CK_USER_TYPE userType) noexcept {
-  TraceString("%s = %s", name, GetCkUserTypeString(userType));
+void TraceUserType(CSpyCall& call, const char* name, CK_USER_TYPE userType) noexcept {
+  call.Line("%s = %s", name, GetCkUserTypeString(userType));
 }
 
-void TracePin(const char* name, const CK_UTF8CHAR* pin, CK_ULONG length) noexcept {
+void TracePin(CSpyCall& call, const char* name, const CK_UTF8CHAR* pin, CK_ULONG length) noexcept {
   if (pin == nullptr) {
-    TraceString("%s = NULL, length %lu", name, length);
+    call.Line("%s = NULL, length %lu", name, length);
   } else {
-    TraceString("%s: %lu characters, not shown", name, length);
+    call.Line("%s: %lu characters, not shown", name, length);
   }
 }
 
-void TraceInputBuffer(const char* name, const void* buffer, CK_ULONG length) noexcept {
+void TraceInputBuffer(CSpyCall& call, const char* name, const void* buffer,
+                      CK_ULONG length) noexcept {
   if (buffer == nullptr) {
-    TraceString("%s = NULL, length %lu", name, length);
+    call.Line("%s = NULL, length %lu", name, length);
   } else {
-    TraceString("%s: %lu bytes", name, length);
+    call.Line("%s: %lu bytes", name, length);
   }
 }
 
-void TraceOutputBuffer(const char* name, const void* buffer, const char* lengthName,
+void TraceOutputBuffer(CSpyCall& call, const char* name, const void* buffer, const char* lengthName,
                        const CK_ULONG* length, const char* unit) noexcept {
   if (length == nullptr) {
-    TraceString("%s = NULL", lengthName);
+    call.Line("%s = NULL", lengthName);
   } else if (buffer == nullptr) {
-    TraceString("%s = NULL (asks for the length)", name);
+    call.Line("%s = NULL (asks for the length)", name);
   } else {
-    TraceString("%s: room for %lu %s", name, *length, unit);
+    call.Line("%s: room for %lu %s", name, *length, unit);
   }
 }
 
-void TraceOutputLength(const char* lengthName, const CK_ULONG* length, CK_RV rv) noexcept {
-  if (length != nullptr && HasOutputLength(rv)) TraceString("%s = %lu", lengthName, *length);
+void TraceOutputLength(CSpyCall& call, const char* lengthName, const CK_ULONG* length,
+                       CK_RV rv) noexcept {
+  if (length != nullptr && HasOutputLength(rv)) call.Line("%s = %lu", lengthName, *length);
 }
 
-void TraceOutputHandle(const char* name, const CK_ULONG* handle, CK_RV rv) noexcept {
-  if (handle != nullptr && HasOutput(rv)) TraceString("%s = %lu", name, *handle);
+void TraceOutputHandle(CSpyCall& call, const char* name, const CK_ULONG* handle,
+                       CK_RV rv) noexcept {
+  if (handle != nullptr && HasOutput(rv)) call.Line("%s = %lu", name, *handle);
 }
 
-void TraceHandleList(const char* name, const CK_ULONG* list, CK_ULONG count) noexcept {
+void TraceHandleList(CSpyCall& call, const char* name, const CK_ULONG* list,
+                     CK_ULONG count) noexcept {
   if (list == nullptr) return;
   try {
     std::string text;
@@ -94,97 +99,120 @@ void TraceHandleList(const char* name, const CK_ULONG* list, CK_ULONG count) noe
       if (i > 0) text += ", ";
       text += std::to_string(list[i]);
     }
-    TraceString("%s = %s", name, count == 0 ? "(none)" : text.c_str());
+    call.Line("%s = %s", name, count == 0 ? "(none)" : text.c_str());
   } catch (...) {
-    TraceString("%s: %lu entries", name, count);
+    call.Line("%s: %lu entries", name, count);
   }
 }
 
-void TraceMechanismList(const CK_MECHANISM_TYPE* list, CK_ULONG count) noexcept {
+void TraceMechanismList(CSpyCall& call, const CK_MECHANISM_TYPE* list, CK_ULONG count) noexcept {
   if (list == nullptr) return;
   for (CK_ULONG i = 0; i < count; ++i) {
-    TraceString("pMechanismList[%lu] = %s", i, GetCkMechanismTypeString(list[i]));
+    call.Line("pMechanismList[%lu] = %s", i, GetCkMechanismTypeString(list[i]));
   }
 }
 
-void TraceMechanismType(const char* name, CK_MECHANISM_TYPE type) noexcept {
-  TraceString("%s = %s", name, GetCkMechanismTypeString(type));
+void TraceMechanismType(CSpyCall& call, const char* name, CK_MECHANISM_TYPE type) noexcept {
+  call.Line("%s = %s", name, GetCkMechanismTypeString(type));
 }
 
-void TraceMechanismArgument(const CK_MECHANISM* mechanism) noexcept {
+void TraceMechanismArgument(CSpyCall& call, const CK_MECHANISM* mechanism) noexcept {
   if (mechanism == nullptr) {
-    TraceString("pMechanism = NULL");
+    call.Line("pMechanism = NULL");
     return;
   }
-  TraceString("pMechanism:");
+  call.Line("pMechanism:");
+  call.FlushLines();
   TraceMechanism(mechanism);
 }
 
-void TraceInputTemplate(const char* name, const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept {
+void TraceInputTemplate(CSpyCall& call, const char* name, const CK_ATTRIBUTE* attributes,
+                        CK_ULONG count) noexcept {
   if (attributes == nullptr) {
-    TraceString("%s = NULL, %lu attribute%s", name, count, Plural(count));
+    call.Line("%s = NULL, %lu attribute%s", name, count, Plural(count));
     return;
   }
-  TraceString("%s: %lu attribute%s", name, count, Plural(count));
+  call.Line("%s: %lu attribute%s", name, count, Plural(count));
+  call.FlushLines();
   TraceTemplate(attributes, count, CK_FALSE);
 }
 
-void TraceQueryTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept {
+void TraceQueryTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept {
   if (attributes == nullptr) {
-    TraceString("pTemplate = NULL, %lu attribute%s", count, Plural(count));
+    call.Line("pTemplate = NULL, %lu attribute%s", count, Plural(count));
     return;
   }
-  TraceString("pTemplate: %lu attribute%s asked for", count, Plural(count));
+  call.Line("pTemplate: %lu attribute%s asked for", count, Plural(count));
+  call.FlushLines();
   TraceTemplate(attributes, count, CK_TRUE);
 }
 
-void TraceAnswerTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_RV rv) noexcept {
+void TraceAnswerTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count,
+                         CK_RV rv) noexcept {
   // After any other result the buffers hold whatever the caller left in them.
   const bool filled = rv == CKR_OK || rv == CKR_ATTRIBUTE_SENSITIVE ||
                       rv == CKR_ATTRIBUTE_TYPE_INVALID || rv == CKR_BUFFER_TOO_SMALL;
   if (attributes == nullptr || !filled) return;
-  TraceString("pTemplate: %lu attribute%s answered", count, Plural(count));
-  for (CK_ULONG i = 0; i < count; ++i) {
-    CK_ATTRIBUTE attribute = attributes[i];
-    // The buffer was not written, and the length is no length at all.
-    if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) attribute.pValue = nullptr;
-    TraceTemplate(&attribute, 1, CK_FALSE);
+  call.Line("pTemplate: %lu attribute%s answered", count, Plural(count));
+  call.FlushLines();
+  // The template is dumped from a copy, a chunk at a time: the dump writes one
+  // line per attribute whatever the chunks, and the copy needs no memory of
+  // its own.
+  CK_ATTRIBUTE chunk[16];
+  for (CK_ULONG done = 0; done < count;) {
+    CK_ULONG size = 0;
+    for (; size < std::size(chunk) && done < count; ++size, ++done) {
+      chunk[size] = attributes[done];
+      // The buffer was not written, and the length is no length at all.
+      if (chunk[size].ulValueLen == CK_UNAVAILABLE_INFORMATION) chunk[size].pValue = nullptr;
+    }
+    TraceTemplate(chunk, size, CK_FALSE);
   }
 }
 
-void TraceInitArgs(const void* initArgs) noexcept {
+void TraceInitArgs(CSpyCall& call, const void* initArgs) noexcept {
   if (initArgs == nullptr) {
-    TraceString("pInitArgs = NULL");
+    call.Line("pInitArgs = NULL");
     return;
   }
   const auto& args = *static_cast<const CK_C_INITIALIZE_ARGS*>(initArgs);
   const bool ownMutexes = args.CreateMutex != nullptr || args.DestroyMutex != nullptr ||
                           args.LockMutex != nullptr || args.UnlockMutex != nullptr;
-  TraceString("pInitArgs: flags = 0x%08lX, mutex functions %s, pReserved %s", args.flags,
-              ownMutexes ? "given" : "none", args.pReserved == nullptr ? "NULL" : "set");
+  call.Line("pInitArgs: flags = 0x%08lX, mutex functions %s, pReserved %s", args.flags,
+            ownMutexes ? "given" : "none", args.pReserved == nullptr ? "NULL" : "set");
 }
 
-void TraceInfo(const CK_INFO& info) noexcept {
-  TraceString("cryptokiVersion = %d.%d", info.cryptokiVersion.major, info.cryptokiVersion.minor);
-  TraceString("manufacturerID = \"%.32s\"", Text(info.manufacturerID));
-  TraceString("flags = 0x%08lX", info.flags);
-  TraceString("libraryDescription = \"%.32s\"", Text(info.libraryDescription));
-  TraceString("libraryVersion = %d.%d", info.libraryVersion.major, info.libraryVersion.minor);
+// The module's texts are arguments of a format of the spy's own, so that they
+// reach the log as the module gave them.
+void TraceInfo(CSpyCall& call, const CK_INFO& info) noexcept {
+  call.FlushLines();
+  TraceString(
+      "cryptokiVersion = %d.%d\n"
+      "manufacturerID = \"%.32s\"\n"
+      "flags = 0x%08lX\n"
+      "libraryDescription = \"%.32s\"\n"
+      "libraryVersion = %d.%d",
+      info.cryptokiVersion.major, info.cryptokiVersion.minor, Text(info.manufacturerID), info.flags,
+      Text(info.libraryDescription), info.libraryVersion.major, info.libraryVersion.minor);
 }
 
-void TraceSlotInfo(const CK_SLOT_INFO& info) noexcept {
-  TraceString("slotDescription = \"%.64s\"", Text(info.slotDescription));
-  TraceString("manufacturerID = \"%.32s\"", Text(info.manufacturerID));
-  TraceString("flags = 0x%08lX", info.flags);
-  TraceString("hardwareVersion = %d.%d", info.hardwareVersion.major, info.hardwareVersion.minor);
-  TraceString("firmwareVersion = %d.%d", info.firmwareVersion.major, info.firmwareVersion.minor);
+void TraceSlotInfo(CSpyCall& call, const CK_SLOT_INFO& info) noexcept {
+  call.FlushLines();
+  TraceString(
+      "slotDescription = \"%.64s\"\n"
+      "manufacturerID = \"%.32s\"\n"
+      "flags = 0x%08lX\n"
+      "hardwareVersion = %d.%d\n"
+      "firmwareVersion = %d.%d",
+      Text(info.slotDescription), Text(info.manufacturerID), info.flags, info.hardwareVersion.major,
+      info.hardwareVersion.minor, info.firmwareVersion.major, info.firmwareVersion.minor);
 }
 
-void TraceSessionInfo(const CK_SESSION_INFO& info) noexcept {
-  TraceString("slotID = %lu", info.slotID);
-  TraceString("state = %s", SessionStateName(info.state));
-  TraceString("flags = 0x%08lX", info.flags);
-  TraceString("ulDeviceError = %lu", info.ulDeviceError);
+void TraceSessionInfo(CSpyCall& call, const CK_SESSION_INFO& info) noexcept {
+  call.Line("slotID = %lu", info.slotID);
+  call.Line("state = %s", SessionStateName(info.state));
+  call.Line("flags = 0x%08lX", info.flags);
+  call.Line("ulDeviceError = %lu", info.ulDeviceError);
 }
 
 }  // namespace zelph

@@ -3,9 +3,15 @@
 // handles, names, lengths and the template dumps of the trace library (which
 // withhold key material) are written: never a PIN, never the bytes of data,
 // signatures, ciphertexts, wrapped keys, random numbers or operation states.
+//
+// Each function adds its lines to those `call` collects; one that passes a
+// structure to a dump of the trace library, or writes a text of the module or
+// the application, writes the collected lines first to keep their order.
 #pragma once
 
 #include <p11-kit/pkcs11.h>
+
+#include "spy/CSpyCall.h"
 
 namespace zelph {
 
@@ -21,70 +27,75 @@ constexpr bool HasOutputLength(CK_RV rv) noexcept {
 }
 
 // "<name> = <value>" in decimal: handles, slot ids, counts and sizes.
-void TraceNumber(const char* name, CK_ULONG value) noexcept;
+void TraceNumber(CSpyCall& call, const char* name, CK_ULONG value) noexcept;
 
 // "<name> = 0x<value>": flag words, in eight or more hexadecimal digits.
-void TraceFlags(const char* name, CK_FLAGS value) noexcept;
+void TraceFlags(CSpyCall& call, const char* name, CK_FLAGS value) noexcept;
 
 // "<name> = <user type name>".
-void TraceUserType(const char* name, CK_USER_TYPE userType) noexcept;
+void TraceUserType(CSpyCall& call, const char* name, CK_USER_TYPE userType) noexcept;
 
 // A PIN: "NULL" or its length, never its characters.
-void TracePin(const char* name, const CK_UTF8CHAR* pin, CK_ULONG length) noexcept;
+void TracePin(CSpyCall& call, const char* name, const CK_UTF8CHAR* pin, CK_ULONG length) noexcept;
 
 // An input buffer: "NULL" or its length, never its bytes.
-void TraceInputBuffer(const char* name, const void* buffer, CK_ULONG length) noexcept;
+void TraceInputBuffer(CSpyCall& call, const char* name, const void* buffer,
+                      CK_ULONG length) noexcept;
 
 // An output buffer before the call: a null buffer asks for the needed length;
 // otherwise the caller's buffer size in *`length`, counted in `unit`, is
 // written.
-void TraceOutputBuffer(const char* name, const void* buffer, const char* lengthName,
+void TraceOutputBuffer(CSpyCall& call, const char* name, const void* buffer, const char* lengthName,
                        const CK_ULONG* length, const char* unit = "bytes") noexcept;
 
 // The length of an output after the call, when `rv` says the module set it.
-void TraceOutputLength(const char* lengthName, const CK_ULONG* length, CK_RV rv) noexcept;
+void TraceOutputLength(CSpyCall& call, const char* lengthName, const CK_ULONG* length,
+                       CK_RV rv) noexcept;
 
 // A handle the module returns (a session, an object, a slot), when `rv` is
 // CKR_OK.
-void TraceOutputHandle(const char* name, const CK_ULONG* handle, CK_RV rv) noexcept;
+void TraceOutputHandle(CSpyCall& call, const char* name, const CK_ULONG* handle, CK_RV rv) noexcept;
 
 // A list of handles or slot ids on one line: "<name> = 1, 2, 3".
-void TraceHandleList(const char* name, const CK_ULONG* list, CK_ULONG count) noexcept;
+void TraceHandleList(CSpyCall& call, const char* name, const CK_ULONG* list,
+                     CK_ULONG count) noexcept;
 
 // A list of mechanisms, one name per line.
-void TraceMechanismList(const CK_MECHANISM_TYPE* list, CK_ULONG count) noexcept;
+void TraceMechanismList(CSpyCall& call, const CK_MECHANISM_TYPE* list, CK_ULONG count) noexcept;
 
 // "<name> = <mechanism name>".
-void TraceMechanismType(const char* name, CK_MECHANISM_TYPE type) noexcept;
+void TraceMechanismType(CSpyCall& call, const char* name, CK_MECHANISM_TYPE type) noexcept;
 
 // A mechanism argument through the mechanism dump, or "NULL".
-void TraceMechanismArgument(const CK_MECHANISM* mechanism) noexcept;
+void TraceMechanismArgument(CSpyCall& call, const CK_MECHANISM* mechanism) noexcept;
 
 // A template the caller passes in, with its values (secret ones withheld by
 // the dump).
-void TraceInputTemplate(const char* name, const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept;
+void TraceInputTemplate(CSpyCall& call, const char* name, const CK_ATTRIBUTE* attributes,
+                        CK_ULONG count) noexcept;
 
 // The template of C_GetAttributeValue before the call: types, buffer sizes
 // and whether buffers are given; the buffers are not read.
-void TraceQueryTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept;
+void TraceQueryTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept;
 
 // The template of C_GetAttributeValue after the call, with the values the
 // module filled in. Written only for the results after which the template is
 // defined; an attribute the module could not give (length
 // CK_UNAVAILABLE_INFORMATION) is shown without its buffer.
-void TraceAnswerTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, CK_RV rv) noexcept;
+void TraceAnswerTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count,
+                         CK_RV rv) noexcept;
 
 // The argument of C_Initialize: "NULL" or its flags and whether the caller
 // brings its own mutex functions.
-void TraceInitArgs(const void* initArgs) noexcept;
+void TraceInitArgs(CSpyCall& call, const void* initArgs) noexcept;
 
 // The general information of C_GetInfo.
-void TraceInfo(const CK_INFO& info) noexcept;
+void TraceInfo(CSpyCall& call, const CK_INFO& info) noexcept;
 
 // The slot information of C_GetSlotInfo.
-void TraceSlotInfo(const CK_SLOT_INFO& info) noexcept;
+void TraceSlotInfo(CSpyCall& call, const CK_SLOT_INFO& info) noexcept;
 
 // The session information of C_GetSessionInfo.
-void TraceSessionInfo(const CK_SESSION_INFO& info) noexcept;
+void TraceSessionInfo(CSpyCall& call, const CK_SESSION_INFO& info) noexcept;
 
 }  // namespace zelph

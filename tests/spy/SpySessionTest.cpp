@@ -3,6 +3,10 @@
 // back PINs and key material.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -83,6 +87,46 @@ std::size_t Count(const std::string& text, const std::string& what) {
   return count;
 }
 
+// A log with what differs from run to run taken out, line by line: the time
+// and thread prefix, every number (as "#") and the contents of the trace
+// library's dumps, whose lines begin with a tab (as "<dump>"). Header and
+// footer are left out, runs of blank lines count as one. What is left is the
+// spy's own text, its order and indentation, and where each dump stands.
+std::vector<std::string> LogStructure(const std::string& log) {
+  static const std::regex prefix(
+      "[0-9]{2}-[0-9]{2}_[0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{6} [0-9A-F]{8}(.)\\1 ");
+  static const std::regex number("[0-9]+");
+  std::vector<std::string> structure;
+  for (const std::string& line : Lines(log)) {
+    if (line.starts_with("#")) continue;
+    if (line.empty()) {
+      if (!structure.empty() && !structure.back().empty()) structure.emplace_back();
+      continue;
+    }
+    std::smatch match;
+    if (!std::regex_search(line, match, prefix, std::regex_constants::match_continuous)) {
+      structure.push_back("<no prefix> " + line);
+      continue;
+    }
+    const std::string text = match.suffix().str();
+    const std::size_t indent = text.find_first_not_of(' ');
+    if (indent != std::string::npos && text[indent] == '\t') {
+      structure.push_back(text.substr(0, indent) + "<dump>");
+    } else {
+      structure.push_back(std::regex_replace(text, number, "#"));
+    }
+  }
+  while (!structure.empty() && structure.back().empty()) structure.pop_back();
+  return structure;
+}
+
+std::string ReadText(const char* path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
 std::string Client(const std::string& module) {
   return ShellQuote(ZELPH_SPY_CLIENT) + " " + ShellQuote(module);
 }
@@ -153,6 +197,42 @@ TEST_F(SpySessionTest, LogNamesEveryCallInTheOrderMadeWithItsResult) {
   EXPECT_EQ(Count(spied.log, " Returns CKR_ATTRIBUTE_SENSITIVE\n"), 1u);
   EXPECT_NE(spied.log.find("\tCKA_VALUE\tLen=-1\t(data NULL)\n"), std::string::npos)
       << "the refused attribute is not shown as unavailable";
+}
+
+// The golden log was taken from the spy while it wrote every line with a
+// trace call of its own; the spy must still write the same lines in the same
+// order, each behind its prefix.
+TEST_F(SpySessionTest, LogReadsLineForLineAsTheGoldenLog) {
+  InitToken(kSoftHsmModule);
+  const CRunResult init = bed_.Run("init", Client(ZELPH_SPY_LIB) + " init");
+  const CRunResult session =
+      bed_.Run("session", Client(ZELPH_SPY_LIB) + " session " + kUserPin + " golden");
+  ASSERT_EQ(init.exitCode, 0) << init.out;
+  ASSERT_EQ(session.exitCode, 0) << session.out;
+
+  const std::vector<std::string> actual = LogStructure(init.log + session.log);
+  const std::vector<std::string> golden = Lines(ReadText(ZELPH_SPY_GOLDEN_LOG));
+  ASSERT_GT(golden.size(), 100u) << "cannot read " << ZELPH_SPY_GOLDEN_LOG;
+  const std::size_t same =
+      std::mismatch(actual.begin(), actual.end(), golden.begin(), golden.end()).first -
+      actual.begin();
+  EXPECT_TRUE(same == actual.size() && same == golden.size())
+      << "the log departs from " << ZELPH_SPY_GOLDEN_LOG << " at its line " << same + 1
+      << ":\n  golden: " << (same < golden.size() ? golden[same] : "<end>")
+      << "\n  actual: " << (same < actual.size() ? actual[same] : "<end>");
+}
+
+TEST_F(SpySessionTest, ApplicationLabelReachesTheLogUnchanged) {
+  // A label in UTF-8 with a per-cent sign: written as given, not recoded to
+  // ISO-8859-1 and not read as a conversion.
+  const std::string label = "zelph 100% %s \xC3\xBC";
+  const CRunResult token =
+      bed_.Run("init-token", Pkcs11Tool(ZELPH_SPY_LIB) + " --init-token --label " +
+                                 ShellQuote(label) + " --so-pin " + kSoPin);
+  ASSERT_EQ(token.exitCode, 0) << token.err;
+  EXPECT_NE(token.log.find("pLabel = \"" + label + " "), std::string::npos)
+      << "C_InitToken's label is not in the log as the application gave it:\n"
+      << token.log;
 }
 
 TEST_F(SpySessionTest, LogHoldsNoPinAndNoKeyMaterial) {

@@ -1,0 +1,54 @@
+#include "spy/CSpyCall.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace zelph {
+
+void CSpyCall::Line(const char* format, ...) noexcept {
+  // Most lines fit the stack buffer; a longer one (a long handle list) is
+  // formatted a second time into a string of its size.
+  char small[256];
+  std::va_list args;
+  va_start(args, format);
+  const int length = std::vsnprintf(small, sizeof small, format, args);
+  va_end(args);
+  if (length < 0) return;
+  const auto size = static_cast<std::size_t>(length);
+  try {
+    if (size < sizeof small) {
+      AppendLine(std::string_view(small, size));
+      return;
+    }
+    std::string large(size, '\0');
+    va_start(args, format);
+    std::vsnprintf(large.data(), size + 1, format, args);
+    va_end(args);
+    AppendLine(large);
+  } catch (...) {
+    // Out of memory: the line is lost, the call goes on.
+  }
+}
+
+void CSpyCall::FlushLines() noexcept {
+  if (lines_.empty()) return;
+  // Each "\n" starts a new line behind the full prefix; the doubled '%'
+  // signs leave no conversion for which an argument would be missing.
+  TraceString(lines_.c_str());
+  lines_.clear();
+}
+
+void CSpyCall::AppendLine(std::string_view text) {
+  // Room for the few lines of a usual call at once.
+  if (lines_.empty()) lines_.reserve(256);
+  for (std::size_t at; (at = text.find('%')) != std::string_view::npos;
+       text.remove_prefix(at + 1)) {
+    lines_.append(text.substr(0, at + 1));
+    lines_ += '%';
+  }
+  lines_.append(text);
+  // TraceString drops the break after the last line.
+  lines_ += '\n';
+}
+
+}  // namespace zelph
