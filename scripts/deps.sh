@@ -8,29 +8,8 @@ packages=(
   libp11-kit-dev libpcsclite-dev libssl-dev openssl
   net-tools chromium
   softhsm2 opensc dpkg-dev file
+  # make fuzz: clang with libFuzzer and its sanitizer runtimes
+  clang libclang-rt-14-dev
 )
 
-missing=()
-for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
-    missing+=("$p")
-  fi
-done
-
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
-fi
-
-echo "Installing missing packages: ${missing[*]}"
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then
-  if command -v sudo >/dev/null 2>&1; then SUDO=sudo; else
-    echo "error: not root and no sudo; install these packages: ${missing[*]}" >&2
-    exit 1
-  fi
-fi
-export DEBIAN_FRONTEND=noninteractive
-if ! $SUDO apt-get install -y --no-install-recommends "${missing[@]}"; then
-  $SUDO apt-get update
-  $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+exec "$(dirname "$0")/apt-install-missing.sh" "${packages[@]}"

@@ -95,14 +95,14 @@ std::unique_ptr<CConfigSection> CConfigSection::Load(const CUTF8String& path) {
 
   CUTF8String text(bytes.data(), bytes.size());
   CUTF8Cursor cursor(text);
-  top->ParseBlock(cursor);
+  top->ParseBlock(cursor, 0);
   return top;
 }
 
-void CConfigSection::ParseBlock(CUTF8Cursor& cursor) {
+bool CConfigSection::ParseBlock(CUTF8Cursor& cursor, int depth) {
   for (;;) {
     std::int32_t c = cursor.Peek();
-    if (c == kEnd || c == '}') return;
+    if (c == kEnd || c == '}') return true;
     SkipSpace(cursor);
     const CUTF8String name = ReadTrimmed(cursor, EndsName);
     c = cursor.Peek();
@@ -120,10 +120,12 @@ void CConfigSection::ParseBlock(CUTF8Cursor& cursor) {
         entries_.push_back(std::make_unique<CConfigEntry>(CConfigEntry{name, {}}));
         cursor.Next();
       } else if (c == '{') {
+        if (depth == kMaxDepth) return false;
         cursor.Next();
         std::unique_ptr<CConfigSection> sub(new CConfigSection(name, top_));
-        sub->ParseBlock(cursor);
+        const bool complete = sub->ParseBlock(cursor, depth + 1);
         subsections_.push_back(std::move(sub));
+        if (!complete) return false;
         if (cursor.Peek() == '}') cursor.Next();
       }
       // A bare word before "}" or at the end of the text is dropped.

@@ -32,8 +32,14 @@ class CConfigSection {
   CConfigSection(const CConfigSection&) = delete;
   CConfigSection& operator=(const CConfigSection&) = delete;
 
+  // Sections nested deeper than this end the reading of the file, so that a
+  // hostile file cannot exhaust the stack of the reading thread.
+  static constexpr int kMaxDepth = 100;
+
   // Reads and parses the file at `path` into a new top section that remembers
-  // the path. A file that cannot be opened gives an empty tree.
+  // the path. A file that cannot be opened gives an empty tree. A section that
+  // would lie deeper than kMaxDepth ends the reading: it and the rest of the
+  // file are ignored, as after a "}" at the top level.
   static std::unique_ptr<CConfigSection> Load(const CUTF8String& path);
 
   // The section's name; empty for the top section.
@@ -101,7 +107,9 @@ class CConfigSection {
 
   // Reads entries and subsections into this section up to the "}" that ends
   // it or the end of the text (the "}" is left for the caller).
-  void ParseBlock(CTStringCursor<CUTF8Encoding>& cursor);
+  // `depth` is this section's depth (0 for the top). Returns false when a
+  // section too deep ended the reading.
+  bool ParseBlock(CTStringCursor<CUTF8Encoding>& cursor, int depth);
 
   // Appends this section's subsections, then its entries, indented by `depth`
   // tabs, to `out`.
