@@ -63,7 +63,7 @@ check-asan: deps
 TSAN_DIR ?= build-tsan
 TSAN_LABELS ?= base|trace|ipc|spy
 TSAN_UNLOADING = EachLoadOfTheLibraryIsASessionOfItsOwn|TraceDirectoryMissingUnderDlopen
-TSAN_PKCS11_TOOL = SpySessionTest.LogHoldsNoPinAndNoKeyMaterial|SpySessionTest.Pkcs11ToolTest
+TSAN_PKCS11_TOOL = SpySessionTest.LogHoldsNoPinAndNoKeyMaterial|SpySessionTest.Pkcs11ToolTest|SpySessionTest.ApplicationLabelReachesTheLogUnchanged
 TSAN_EXCLUDE ?= $(TSAN_UNLOADING)|$(TSAN_PKCS11_TOOL)
 TSAN_ENV = TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
