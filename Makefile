@@ -58,7 +58,7 @@ check-asan: deps
 # ThreadSanitizer, in their own build directory. Left out, as TSan cannot run
 # them: the two that unload the library with dlclose and then exit (TSan's
 # atexit interceptor drops the library's handle, so the session's exit
-# handler outlives the unloaded library), and the two that load the spy into
+# handler outlives the unloaded library), and those that load the spy into
 # OpenSC's pkcs11-tool (TSan's runtime cannot be loaded with dlopen).
 TSAN_DIR ?= build-tsan
 TSAN_LABELS ?= base|trace|ipc|spy
