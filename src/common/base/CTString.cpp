@@ -12,24 +12,6 @@ namespace {
 template <class E>
 constexpr bool kIsUTF8 = std::is_same_v<E, CUTF8Encoding>;
 
-// Classifies a lead byte: the number of continuation bytes it announces and
-// its payload bits. Returns false for a byte that cannot start a sequence.
-bool ReadLead(unsigned lead, int& extra, std::uint32_t& value) noexcept {
-  if (lead >= 0xC0 && lead <= 0xDF) {
-    extra = 1;
-    value = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    extra = 2;
-    value = lead & 0x0F;
-  } else if (lead >= 0xF0 && lead <= 0xF7) {
-    extra = 3;
-    value = lead & 0x07;
-  } else {
-    return false;
-  }
-  return true;
-}
-
 // Decodes the character at byte `i` of `d`, whose text ends at `end`, and
 // moves `i` past it.
 std::int32_t DecodeAt(const unsigned char* d, std::uint64_t end, std::uint64_t& i) noexcept {
@@ -58,7 +40,7 @@ std::int32_t DecodeUTF8(const char*& p) noexcept {
   }
   int extra = 0;
   std::uint32_t value = 0;
-  if (!ReadLead(lead, extra, value)) {
+  if (!ReadUTF8Lead(lead, extra, value)) {
     p = reinterpret_cast<const char*>(s);
     return kInvalidChar;
   }

@@ -33,18 +33,10 @@ constexpr bool IsInvalidChar(std::int64_t c) noexcept {
 // test them with IsInvalidChar).
 std::int32_t DecodeUTF8(const char*& p) noexcept;
 
-// Decodes one character of the UTF-8 bytes from `p` up to `end` and moves `p`
-// past it, as a string cursor reads: -1 at the end, also for a sequence that
-// `end` cuts off (`p` is then left where the end was met); kInvalidChar for a
-// bad sequence, which is consumed with all the continuation bytes its lead
-// byte announced, or for an invalid lead byte, which is consumed alone.
-// Overlong forms and values up to 0x1FFFFF are accepted, as above.
-inline std::int32_t DecodeUTF8(const char*& p, const char* end) noexcept {
-  if (p >= end) return -1;
-  const unsigned lead = static_cast<unsigned char>(*p++);
-  if (lead < 0x80) return static_cast<std::int32_t>(lead);
-  int extra;
-  std::uint32_t value;
+// Classifies a UTF-8 lead byte: the number of continuation bytes it
+// announces and its payload bits. False for a byte that cannot start a
+// sequence (0x80-0xBF, 0xF8-0xFF); bytes below 0x80 are not lead bytes.
+inline bool ReadUTF8Lead(unsigned lead, int& extra, std::uint32_t& value) noexcept {
   if (lead >= 0xC0 && lead <= 0xDF) {
     extra = 1;
     value = lead & 0x1F;
@@ -55,8 +47,24 @@ inline std::int32_t DecodeUTF8(const char*& p, const char* end) noexcept {
     extra = 3;
     value = lead & 0x07;
   } else {
-    return kInvalidChar;
+    return false;
   }
+  return true;
+}
+
+// Decodes one character of the UTF-8 bytes from `p` up to `end` and moves `p`
+// past it, as a string cursor reads: -1 at the end, also for a sequence that
+// `end` cuts off (`p` is then left where the end was met); kInvalidChar for a
+// bad sequence, which is consumed with all the continuation bytes its lead
+// byte announced, or for an invalid lead byte, which is consumed alone.
+// Overlong forms and values up to 0x1FFFFF are accepted, as above.
+inline std::int32_t DecodeUTF8(const char*& p, const char* end) noexcept {
+  if (p >= end) return -1;
+  const unsigned lead = static_cast<unsigned char>(*p++);
+  if (lead < 0x80) return static_cast<std::int32_t>(lead);
+  int extra = 0;
+  std::uint32_t value = 0;
+  if (!ReadUTF8Lead(lead, extra, value)) return kInvalidChar;
   bool bad = false;
   for (int k = 0; k < extra; ++k) {
     if (p >= end) return -1;
