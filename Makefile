@@ -61,7 +61,7 @@ check-asan: deps
 # handler outlives the unloaded library), and those that load the spy into
 # OpenSC's pkcs11-tool (TSan's runtime cannot be loaded with dlopen).
 TSAN_DIR ?= build-tsan
-TSAN_LABELS ?= base|trace|ipc|spy
+TSAN_LABELS ?= base|trace|ipc|spy|http
 TSAN_UNLOADING = EachLoadOfTheLibraryIsASessionOfItsOwn|TraceDirectoryMissingUnderDlopen
 TSAN_PKCS11_TOOL = SpySessionTest.LogHoldsNoPinAndNoKeyMaterial|SpySessionTest.Pkcs11ToolTest|SpySessionTest.ApplicationLabelReachesTheLogUnchanged
 TSAN_EXCLUDE ?= $(TSAN_UNLOADING)|$(TSAN_PKCS11_TOOL)

@@ -45,8 +45,8 @@ class CHttpsConnection final : public CHttpConnection {
   // with "https" for "http", "SSL connect failed: unable to set tlsext host
   // name", "SSL connect failed: " with OpenSSL's error text for a TLS
   // protocol failure or with the SSL_get_error kind in decimal for the other
-  // failures (5 for a peer that closed during the handshake), "SSL check
-  // certificate not implemented" and "Unable to convert cert".
+  // failures (5 for a peer that reset the connection during the handshake, 6 for one that closed
+  // it), "SSL check certificate not implemented" and "Unable to convert cert".
   void Open(const CUrl& url) override;
 
  private:

@@ -176,14 +176,28 @@ CSeenRequest CRequestLog::Read(CHttpConnection& connection) {
   if (!length.IsEmpty()) {
     seen.body = AsString(connection.ReceiveBytes(std::stoull(AsString(length))));
   }
+  CRecord record{seen.method, seen.target, seen.body, seen.origin, {}};
+  for (const auto& [name, value] : seen.headers)
+    record.headers.emplace_back(AsString(name), AsString(value));
   std::lock_guard lock(mutex_);
-  requests_.push_back(seen);
+  requests_.push_back(std::move(record));
+  return seen;
+}
+
+CSeenRequest CRequestLog::ToSeen(const CRecord& record) {
+  CSeenRequest seen{record.method, record.target, record.body, record.origin, {}};
+  for (const auto& [name, value] : record.headers) {
+    seen.headers.emplace(CISOString(name.data(), name.size()),
+                         CISOString(value.data(), value.size()));
+  }
   return seen;
 }
 
 std::vector<CSeenRequest> CRequestLog::All() const {
+  std::vector<CSeenRequest> requests;
   std::lock_guard lock(mutex_);
-  return requests_;
+  for (const CRecord& record : requests_) requests.push_back(ToSeen(record));
+  return requests;
 }
 
 CChildProcess::CChildProcess(const std::vector<std::string>& arguments,

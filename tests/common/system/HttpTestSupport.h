@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/base/CException.h"
@@ -92,17 +93,29 @@ struct CSeenRequest {
   CHttpHeaders headers;
 };
 
-// Requests seen by a handler thread, read by the test.
+// Requests seen by a handler thread, read by the test. Copies of a CTString
+// share its buffer and reference count, which belong to one thread, so the
+// log keeps its records as std::string and every request it hands out is
+// built afresh, sharing nothing with the server thread.
 class CRequestLog {
  public:
   // Reads a request with ReadHttpRequest and its body (by content-length),
   // records and returns it.
   CSeenRequest Read(CHttpConnection& connection);
+  // Every request recorded so far, in order.
   std::vector<CSeenRequest> All() const;
 
  private:
+  // One request as the log keeps it.
+  struct CRecord {
+    std::string method, target, body, origin;
+    std::vector<std::pair<std::string, std::string>> headers;
+  };
+
+  static CSeenRequest ToSeen(const CRecord& record);
+
   mutable std::mutex mutex_;
-  std::vector<CSeenRequest> requests_;
+  std::vector<CRecord> requests_;
 };
 
 // A program in a process group of its own, stdin on /dev/null, stdout and
