@@ -36,7 +36,7 @@ class CSpyModule {
   // module's calls bound to the spy's exports) is refused, as forwarding to it
   // would never end. On failure returns false and puts one sentence saying
   // why into `error`; a later call tries again.
-  bool Load(const CK_FUNCTION_LIST* own, std::string& error);
+  [[nodiscard]] bool Load(const CK_FUNCTION_LIST* own, std::string& error);
 
   // The real module's function list; null until Load succeeded.
   CK_FUNCTION_LIST* GetFunctions() const noexcept {

@@ -8,6 +8,7 @@
 
 #include <PCSC/pcsclite.h>
 
+#include "common/base/CharClasses.h"
 #include "zelph/trace.h"
 #include "zelph/vendor.h"
 
@@ -72,11 +73,10 @@ const char* NameAt(const Names& names, std::size_t offset) noexcept {
 // room; returns `out`.
 const char* FormatUnknown(char* out, const char* lead, std::uint64_t value, int minDigits,
                           const char* tail) noexcept {
-  static constexpr char kDigits[] = "0123456789ABCDEF";
   char digits[16];
   int count = 0;
   do {
-    digits[count++] = kDigits[value & 0xF];
+    digits[count++] = zelph::kUpperHexDigits[value & 0xF];
     value >>= 4;
   } while (value != 0);
   while (count < minDigits) digits[count++] = '0';

@@ -1,3 +1,8 @@
+// The dumps of PKCS#11 structures: attribute templates (one row per
+// attribute, values rendered by type, secret values withheld and shown by
+// length only), mechanisms, mechanism information and token information.
+// Rows are built in a line buffer and written with one write per call where
+// the thread's prefix allows it; names come from the exported name tables.
 #include "trace/TraceDumps.h"
 
 #include <charconv>
@@ -8,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/base/CharClasses.h"
 #include "trace/CLineBuffer.h"
 #include "trace/TraceLineWriter.h"
 #include "trace/TraceSession.h"
@@ -107,10 +113,9 @@ const char* NameOf(const char* name, CK_ULONG value, char (&buffer)[19]) noexcep
 }
 
 void AppendHex(CLineBuffer& out, const void* data, CK_ULONG length) {
-  static constexpr char kDigits[] = "0123456789ABCDEF";
   const auto* bytes = static_cast<const unsigned char*>(data);
   for (CK_ULONG i = 0; i < length; ++i) {
-    const char pair[2] = {kDigits[bytes[i] >> 4], kDigits[bytes[i] & 0x0F]};
+    const char pair[2] = {kUpperHexDigits[bytes[i] >> 4], kUpperHexDigits[bytes[i] & 0x0F]};
     out.Append(std::string_view(pair, 2));
   }
 }
@@ -237,9 +242,8 @@ void AppendDecimal(CLineBuffer& out, int value) {
 
 // Eight upper-case hexadecimal digits, as "%08X" writes a 32-bit number.
 void AppendHex32(CLineBuffer& out, unsigned value) {
-  static constexpr char kDigits[] = "0123456789ABCDEF";
   char digits[8];
-  for (int i = 7; i >= 0; --i, value >>= 4) digits[i] = kDigits[value & 0xF];
+  for (int i = 7; i >= 0; --i, value >>= 4) digits[i] = kUpperHexDigits[value & 0xF];
   out.Append(std::string_view(digits, sizeof digits));
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/base/CTString.h"
+#include "common/base/CharClasses.h"
 #include "trace/CLineBuffer.h"
 #include "trace/TraceSession.h"
 
@@ -36,8 +37,6 @@ std::uint32_t CurrentThreadId() noexcept {
   return static_cast<std::uint32_t>(
       reinterpret_cast<std::uintptr_t>(reinterpret_cast<void*>(pthread_self())));
 }
-
-constexpr char kHexDigits[] = "0123456789ABCDEF";
 
 // Writes `value` (0 to 99) as two decimal digits.
 char* PutTwoDigits(char* out, int value) noexcept {
@@ -189,7 +188,7 @@ std::size_t CTraceFrame::MakePrefixHead(char (&out)[kPrefixHeadSize]) {
   p = PutTwoDigits(p, micros / 100 % 100);
   p = PutTwoDigits(p, micros % 100);
   *p++ = ' ';
-  for (int shift = 28; shift >= 0; shift -= 4) *p++ = kHexDigits[(thread.threadId >> shift) & 0xF];
+  for (int shift = 28; shift >= 0; shift -= 4) *p++ = kUpperHexDigits[(thread.threadId >> shift) & 0xF];
   *p++ = thread.marker;
   *p++ = thread.marker;
   *p++ = ' ';

@@ -62,6 +62,18 @@ inline void ReleaseTraceSession(bool open) noexcept {
   if (g_traceSession.lock != nullptr) g_traceSession.lock->Unlock();
 }
 
+// How text becomes a printf format. Every trace line starts with the thread's
+// prefix, and the prefix is placed in front of the caller's format text
+// rather than passed as an argument: in TraceString lines and in the dumps'
+// formatted rows the two markers of the thread marked "%" therefore print as
+// one "%" (Entering and Leaving pass the prefix as an argument and show
+// both). The line writer composes prefix + text + "\n" per line of the
+// caller's message. The dumps write rows they can render themselves as
+// bytes, unformatted, when the prefix holds no "%", and fall back to a
+// prefixed format otherwise. The spy, which only has TraceString, doubles
+// every "%" of the text it collects so that no conversion is left without
+// its argument, and lets TraceString put the prefix before each line.
+//
 // printf-style writes straight to the log stream. Only valid while the
 // session is open and the trace lock is held; write errors are ignored.
 void TraceWriteRaw(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -73,7 +73,7 @@ class CEventMessage {
   std::int16_t GetCategory() const noexcept;
   // The argument list (shared); empty for the null event.
   CTFmtArgs<CUTF8Encoding> GetArgs() const noexcept;
-  // Handles sharing the record; 0 for the null event. For tests of sharing.
+  // Test-only: handles sharing the record; 0 for the null event.
   std::int32_t GetReferences() const noexcept;
 
   // The text of the event. The free-text event is the plain text of its first

@@ -119,7 +119,8 @@ class CTFmtArgs {
   std::uint64_t GetCount() const noexcept { return record_ != nullptr ? record_->count : 0; }
   // Argument `number` (from 1); null when there is no such argument.
   const CTFmtArg<E>* GetArg(std::uint64_t number) const noexcept;
-  // The shared record, null for the empty list. For tests of sharing.
+  // Test-only: the shared record, null for the empty list, so that tests
+  // can see sharing. Nothing in the library calls it.
   const CRecord* GetRecord() const noexcept { return record_; }
 
  private:

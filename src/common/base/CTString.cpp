@@ -12,17 +12,6 @@ namespace {
 template <class E>
 constexpr bool kIsUTF8 = std::is_same_v<E, CUTF8Encoding>;
 
-// Decodes the character at byte `i` of `d`, whose text ends at `end`, and
-// moves `i` past it.
-std::int32_t DecodeAt(const unsigned char* d, std::uint64_t end, std::uint64_t& i) noexcept {
-  if (d == nullptr) return -1;
-  const char* text = reinterpret_cast<const char*>(d);
-  const char* p = text + i;
-  const std::int32_t c = DecodeUTF8(p, text + end);
-  i = static_cast<std::uint64_t>(p - text);
-  return c;
-}
-
 // The character as it is stored in a UTF-8 string: invalid values read as "?".
 std::int32_t AsStored(std::int32_t c) noexcept {
   return IsInvalidChar(c) ? '?' : c;
@@ -320,7 +309,7 @@ int CTString<E>::Compare(const char* utf8) const noexcept {
   for (;;) {
     std::int32_t mine = -1;
     if constexpr (kIsUTF8<E>) {
-      mine = DecodeAt(d, end, i);
+      mine = DecodeUTF8At(d, end, i);
       if (mine >= 0) mine = AsStored(mine);
     } else {
       if (i < end) mine = d[i++];
@@ -350,7 +339,7 @@ std::int32_t CTStringCursor<E>::Next() noexcept {
   const auto* d = reinterpret_cast<const unsigned char*>(b->data);
   const std::uint64_t end = string_->Size();
   if constexpr (kIsUTF8<E>) {
-    return DecodeAt(d, end, index_);
+    return DecodeUTF8At(d, end, index_);
   } else {
     if (d == nullptr || index_ >= end) return -1;
     return d[index_++];

@@ -75,6 +75,17 @@ inline std::int32_t DecodeUTF8(const char*& p, const char* end) noexcept {
   return bad ? kInvalidChar : static_cast<std::int32_t>(value);
 }
 
+// Decodes the character at byte `i` of the text `d`, which ends at byte
+// `end`, and moves `i` past it, as DecodeUTF8 above; -1 for no text.
+inline std::int32_t DecodeUTF8At(const unsigned char* d, std::uint64_t end, std::uint64_t& i) noexcept {
+  if (d == nullptr) return -1;
+  const char* text = reinterpret_cast<const char*>(d);
+  const char* p = text + i;
+  const std::int32_t c = DecodeUTF8(p, text + end);
+  i = static_cast<std::uint64_t>(p - text);
+  return c;
+}
+
 // Encodes `codepoint` as UTF-8 into `out` and returns the byte count (1-4).
 // A surrogate or U+FFFE is encoded as "?". Values above 0x1FFFFF keep only
 // their low 21 bits.
@@ -184,7 +195,8 @@ class CTString {
   // string or stands at or past the end; a shared copy when it is at 0.
   CTString Tail(const CTStringCursor<E>& cursor) const;
 
-  // The shared record, null for the null string. For tests of sharing.
+  // Test-only: the shared record, null for the null string, so that tests
+  // can see sharing and the growth rule. Nothing in the library calls it.
   const CTStringBuffer* GetBuffer() const noexcept { return buffer_; }
 
   // True when both strings hold the same bytes (null equals "").

@@ -1,3 +1,6 @@
+// The leaf of the configuration store: a key and its value as the file
+// holds them. Sections (CConfigSection.h) own their entries in file order;
+// lookups, typed reads and writes go through the section.
 #pragma once
 
 #include "common/base/CTString.h"

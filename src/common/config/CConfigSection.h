@@ -1,3 +1,7 @@
+// The configuration store: a configuration file read into a tree of named
+// brace blocks ("Name { key = value ... }") holding key/value entries, read
+// and changed in memory and written back with Save. Reads never fail: a
+// missing key or a malformed number gives the caller's default.
 #pragma once
 
 #include <cstddef>
@@ -86,20 +90,20 @@ class CConfigSection {
   // Replaces the value of the first entry with `key`, or appends a new entry,
   // then saves the whole tree and returns the result of the save. An empty key
   // changes nothing and returns false.
-  bool SetValue(const CUTF8String& key, const CUTF8String& value);
+  [[nodiscard]] bool SetValue(const CUTF8String& key, const CUTF8String& value);
 
   // Stores `value` as decimal text (leading "-" when negative) via SetValue.
-  bool SetIntValue(const CUTF8String& key, std::int32_t value);
+  [[nodiscard]] bool SetIntValue(const CUTF8String& key, std::int32_t value);
 
   // Deletes the first entry with `key`, keeping the order of the others, then
   // saves the whole tree and returns the result of the save. Without a
   // matching entry nothing is written and the result is false.
-  bool RemoveValue(const CUTF8String& key);
+  [[nodiscard]] bool RemoveValue(const CUTF8String& key);
 
   // Writes the whole tree this section belongs to over the top section's file
   // (no temporary file, no backup). Returns false when there is no file name,
   // the file cannot be opened for writing, or not every byte was written.
-  bool Save() const;
+  [[nodiscard]] bool Save() const;
 
  private:
   // Creates an empty subsection belonging to the tree of `top`.
@@ -109,7 +113,7 @@ class CConfigSection {
   // it or the end of the text (the "}" is left for the caller).
   // `depth` is this section's depth (0 for the top). Returns false when a
   // section too deep ended the reading.
-  bool ParseBlock(CTStringCursor<CUTF8Encoding>& cursor, int depth);
+  [[nodiscard]] bool ParseBlock(CTStringCursor<CUTF8Encoding>& cursor, int depth);
 
   // Appends this section's subsections, then its entries, indented by `depth`
   // tabs, to `out`.

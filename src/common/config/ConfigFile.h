@@ -1,3 +1,6 @@
+// Which configuration file a process uses and the objects that hold it:
+// the lookup through ZELPH_CONFFILE, HOME and /etc, a process-wide shared
+// object, and fresh ones for callers that must see the file as it is now.
 #pragma once
 
 #include <memory>

@@ -4,6 +4,8 @@
 #include <cwctype>
 #include <utility>
 
+#include "common/base/CharClasses.h"
+
 namespace zelph {
 
 namespace {
@@ -11,14 +13,6 @@ namespace {
 // The one null value. Constant-initialised, so it exists before any static
 // constructor of the process could parse JSON.
 constinit CJSValue gNullValue;
-
-// Value of a hexadecimal digit, or -1.
-int HexDigitValue(std::int32_t c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // Item tables start with room for 2 and double when full.
 void MakeRoom(std::vector<CJSValuePtr>& table) {

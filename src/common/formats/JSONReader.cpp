@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/base/CharClasses.h"
+
 namespace zelph {
 
 namespace {
@@ -21,7 +23,7 @@ CJSValuePtr NullValue() noexcept {
 // of multi-byte sequences never count. ASCII white space is the same six
 // characters in every locale, so only other bytes need the call.
 bool IsSpaceByte(char b) noexcept {
-  if (b == ' ' || (b >= '\t' && b <= '\r')) return true;
+  if (IsAsciiSpace(b)) return true;
   if (static_cast<unsigned char>(b) < 0x80) return false;
   return std::iswspace(static_cast<wint_t>(static_cast<int>(static_cast<signed char>(b)))) != 0;
 }
@@ -34,13 +36,6 @@ bool IsPlainStringByte(char b) noexcept {
 
 void SkipSpace(const char*& p, const char* end) noexcept {
   while (p < end && IsSpaceByte(*p)) ++p;
-}
-
-int HexDigitValue(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 // Reads `count` hexadecimal digits at `p` into `value`. False when fewer

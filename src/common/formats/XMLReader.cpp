@@ -10,6 +10,7 @@
 
 #include "common/base/CException.h"
 #include "zelph/trace.h"
+#include "common/base/CharClasses.h"
 
 namespace zelph {
 
@@ -32,7 +33,7 @@ constexpr std::array<unsigned char, 128> MakeAsciiClasses() {
   std::array<unsigned char, 128> classes{};
   for (int c = 0; c < 128; ++c) {
     const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-    const bool space = c == ' ' || (c >= '\t' && c <= '\r');
+    const bool space = IsAsciiSpace(c);
     unsigned char bits = 0;
     if (space) bits |= kSpace;
     if (letter || c == '_' || c == ':') bits |= kNameStart;
@@ -51,12 +52,6 @@ bool IsAscii(std::int32_t c, unsigned char bits) noexcept {
   return (kAsciiClasses[static_cast<std::size_t>(c)] & bits) != 0;
 }
 
-bool IsSpace(std::int32_t c) noexcept {
-  if (c < 0) return false;
-  if (c < 0x80) return IsAscii(c, kSpace);
-  return std::iswspace(static_cast<wint_t>(c)) != 0;
-}
-
 bool IsNameStart(std::int32_t c) noexcept {
   if (c < 0) return false;
   if (c < 0x80) return IsAscii(c, kNameStart);
@@ -67,15 +62,6 @@ bool IsNameChar(std::int32_t c) noexcept {
   if (c < 0) return false;
   if (c < 0x80) return IsAscii(c, kNameChar);
   return std::iswalnum(static_cast<wint_t>(c)) != 0;
-}
-
-// Decodes the character at byte `i` of `d`, whose text ends at `end`, and
-// moves `i` past it, exactly as the cursor does.
-std::int32_t DecodeAt(const unsigned char* d, std::uint64_t end, std::uint64_t& i) noexcept {
-  const char* p = reinterpret_cast<const char*>(d) + i;
-  const std::int32_t c = DecodeUTF8(p, reinterpret_cast<const char*>(d) + end);
-  i = static_cast<std::uint64_t>(p - reinterpret_cast<const char*>(d));
-  return c;
 }
 
 // Texts read before, handed out again so that their copies share one buffer
@@ -187,7 +173,7 @@ class CReader {
 
   std::int32_t NextAt(std::uint64_t& i) const noexcept {
     if (AsciiAt(i)) return data_[i++];
-    return DecodeAt(data_, size_, i);
+    return DecodeUTF8At(data_, size_, i);
   }
   std::int32_t Peek() const noexcept {
     std::uint64_t i = index_;
@@ -213,7 +199,7 @@ class CReader {
   void SkipSpace() noexcept {
     for (;;) {
       while (AsciiAt(index_) && IsAscii(data_[index_], kSpace)) ++index_;
-      if (AsciiAt(index_) || !IsSpace(Peek())) return;
+      if (AsciiAt(index_) || !IsSpaceChar(Peek())) return;
       Next();
     }
   }
@@ -388,7 +374,7 @@ class CReader {
       Next();
       if (c == '&') {
         c = static_cast<std::int32_t>(ReadReference());
-      } else if (IsSpace(c)) {
+      } else if (IsSpaceChar(c)) {
         heldSpace.AppendChar(static_cast<std::uint32_t>(c));
         continue;
       }

@@ -9,19 +9,10 @@
 #include <vector>
 
 #include "common/base/CException.h"
+#include "common/base/CharClasses.h"
 
 namespace zelph {
 namespace {
-
-constexpr char kHexDigits[] = "0123456789ABCDEF";
-
-// The value of a hexadecimal digit, or -1.
-int HexValue(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 bool IsUnreserved(unsigned char c) noexcept {
   if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
@@ -88,8 +79,8 @@ CISOString PercentEncode(std::string_view bytes) {
       out.push_back(c);
     } else {
       out.push_back('%');
-      out.push_back(kHexDigits[byte >> 4]);
-      out.push_back(kHexDigits[byte & 0x0F]);
+      out.push_back(kUpperHexDigits[byte >> 4]);
+      out.push_back(kUpperHexDigits[byte & 0x0F]);
     }
   }
   return CISOString(out.data(), out.size());
@@ -100,8 +91,8 @@ CUTF8String PercentDecode(std::string_view text) {
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '%' && text.size() - i >= 3) {
-      const int high = HexValue(text[i + 1]);
-      const int low = HexValue(text[i + 2]);
+      const int high = HexDigitValue(text[i + 1]);
+      const int low = HexDigitValue(text[i + 2]);
       if (high >= 0 && low >= 0) {
         out.push_back(static_cast<char>(high * 16 + low));
         i += 2;

@@ -42,7 +42,7 @@ CHttpRequestLine ParseRequestLine(std::string_view line);
 // without surrounding blanks and tabs. False, leaving `name` and `value`
 // alone, when there is no ":" or the name is empty or holds blanks or control
 // characters.
-bool ParseHeaderLine(std::string_view line, CISOString& name, CISOString& value);
+[[nodiscard]] bool ParseHeaderLine(std::string_view line, CISOString& name, CISOString& value);
 
 // Adds one header field to `headers`, joining it to an earlier one of the
 // same name with ", ". `name` must already be lower case.
