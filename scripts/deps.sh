@@ -6,7 +6,7 @@ packages=(
   g++ cmake ninja-build make pkg-config
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libp11-kit-dev libpcsclite-dev libssl-dev openssl
-  net-tools chromium
+  net-tools python3
   softhsm2 opensc dpkg-dev file
   # make fuzz: clang with libFuzzer and its sanitizer runtimes
   clang libclang-rt-14-dev

@@ -1,0 +1,369 @@
+// The spy in this process in front of a module whose functions the test
+// supplies, then in front of SoftHSM2 here and in pkcs11-tool; zelph-names.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <p11-kit/pkcs11.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <regex>
+
+#include "CChildProcess.h"
+#include "TestFiles.h"
+#include "TestSkips.h"
+#include "TraceLog.h"
+#include "zelph/trace.h"
+
+namespace zelph {
+namespace {
+
+constexpr char kSoftHsm[] = "/usr/lib/softhsm/libsofthsm2.so";
+// The fake module's function list, and the spy, loaded once per process.
+auto* const fake = static_cast<CK_FUNCTION_LIST*>(
+    dlsym(dlopen(ZELPH_FAKE_MODULE, RTLD_NOW | RTLD_LOCAL), "zelph_fake_functions"));
+void* const spyLibrary = dlopen(ZELPH_SPY_LIB, RTLD_NOW | RTLD_LOCAL);
+
+// Traces this process, and asks the spy for its function list.
+CK_FUNCTION_LIST* Spy() {
+  TraceThisProcess();
+  CK_FUNCTION_LIST* functions = nullptr;
+  reinterpret_cast<CK_C_GetFunctionList>(dlsym(spyLibrary, "C_GetFunctionList"))(&functions);
+  return functions;
+}
+
+// A number or pointer as the bytes of a machine word (x86-64).
+const auto Word = [](auto value) {
+  std::uintptr_t word = 0;
+  std::memcpy(&word, &value, sizeof value);
+  return word;
+};
+
+// The function and arguments the test sent, those the module got, and what
+// the module returns.
+std::vector<std::uintptr_t> sent, got;
+CK_RV result;
+
+// The module's outputs: kOutput in every CK_ULONG (lengths, counts, handles,
+// a list's first entry), '%' in every byte of an information structure, so
+// that its texts must reach the log as they are.
+constexpr CK_ULONG kOutput = 1;
+template <class T>
+void Fill(T argument) {
+  if constexpr (std::is_same_v<T, CK_ULONG*>) *argument = kOutput;
+  if constexpr (requires { argument->flags; }) std::memset(argument, '%', sizeof *argument);
+}
+
+template <auto Member, class = std::remove_cvref_t<decltype(CK_FUNCTION_LIST().*Member)>>
+struct CStub;
+template <auto Member, class... A>
+struct CStub<Member, CK_RV (*)(A...)> {
+  static CK_RV Module(A... args) {
+    got = {Word(&Module), Word(args)...};
+    (Fill(args), ...);
+    return result;
+  }
+  // Puts Module into the module's list, then calls the spy's function.
+  static CK_RV Call(CK_FUNCTION_LIST* spy, A... args) {
+    fake->*Member = &Module;
+    sent = {Word(&Module), Word(args)...};
+    return (spy->*Member)(args...);
+  }
+};
+
+// A row: its line, the function, the module's result, which the caller must
+// get, the call, the lines between "Entering" and "Returns", each ended by
+// '|', and whether the spy forwards the call.
+using CRow = std::tuple<int, const char*, CK_RV, CK_RV (*)(CK_FUNCTION_LIST*), std::string, bool>;
+
+// The caller's side; out[0] holds 64 before each call.
+template <class T>
+T output;
+CK_BYTE data[] = "abcd", buffer[64];
+CK_ULONG out[2], list[4];
+CK_UTF8CHAR pin[] = "1234", newPin[] = "56789", tokenLabel[] = "zelph 100% %s \xC3\xBC          ";
+CK_ATTRIBUTE attributes[] = {{CKA_LABEL, data, 2}, {CKA_VALUE, buffer, CK_UNAVAILABLE_INFORMATION}};
+CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+CK_C_INITIALIZE_ARGS initArgs = {nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr};
+const std::string k32 = '"' + std::string(32, '%') + "\"|", k64 = '"' + std::string(64, '%') + '"';
+
+// clang-format off
+#define ZELPH_ARGS(...) __VA_ARGS__
+#define ROW_(f, rv, args, lines, forwarded, ...) \
+    CRow{__LINE__, #f, rv, [](CK_FUNCTION_LIST* spy) { __VA_ARGS__; \
+        return CStub<&CK_FUNCTION_LIST::f>::Call(spy, ZELPH_ARGS args); }, lines, forwarded}
+#define ROW(f, rv, args, lines) ROW_(f, rv, args, lines, true)
+// The spy answers C_GetFunctionList itself, and every call before C_Initialize.
+#define OWN(f, rv, args, lines) ROW_(f, rv, args, lines, false)
+// C_Initialize with ZELPH_SPY_MODULE set to `module`.
+#define INIT(module, rv, lines) ROW_(C_Initialize, rv, (&initArgs), "pInitArgs: flags = " \
+    "0x00000002, mutex functions none, pReserved NULL|" lines, rv == CKR_OK, \
+    setenv("ZELPH_SPY_MODULE", module, 1))
+#define H "hSession = 5|"
+#define MECH "pMechanism:|\tCKM_SHA256_RSA_PKCS|"
+#define LABEL "pTemplate: 1 attribute|\tCKA_LABEL\tLen=2\t\"ab\"|"
+// The shapes many functions share.
+#define SESSION(f, rv) ROW(f, rv, (5), H)
+#define UPDATE(f, rv) ROW(f, rv, (5, data, 4), H "pPart: 4 bytes|")
+#define KEY_INIT(f, rv) ROW(f, rv, (5, &mechanism, 9), H MECH "hKey = 9|")
+#define FINAL(f, rv, o, n) ROW(f, rv, (5, buffer, out), H o ": room for 64 bytes|" n " = 1|")
+#define TRANSFORM(f, rv, i, o, n) \
+    ROW(f, rv, (5, data, 4, buffer, out), H i ": 4 bytes|" o ": room for 64 bytes|" n " = 1|")
+
+const std::vector<CRow> kRows = {
+    OWN(C_GetInfo, CKR_CRYPTOKI_NOT_INITIALIZED, (&output<CK_INFO>), ""),
+    INIT("/none/lib.so", CKR_GENERAL_ERROR, "Cannot forward: cannot load the PKCS#11 module /none/"
+         "lib.so: /none/lib.so: cannot open shared object file: No such file or directory|"),
+    INIT("libc.so.6", CKR_GENERAL_ERROR,
+         "Cannot forward: libc.so.6 is not a PKCS#11 module: it has no C_GetFunctionList|"),
+    // Asked for its function list, the spy writes that call too.
+    INIT(ZELPH_SPY_LIB, CKR_GENERAL_ERROR, "Entering C_GetFunctionList.|    Returns CKR_OK|Leaving "
+         "C_GetFunctionList.|Cannot forward: the PKCS#11 module " ZELPH_SPY_LIB
+         " leads back to the spy itself; name the real module instead|"),
+    INIT(ZELPH_FAKE_MODULE, CKR_OK, ""),
+    ROW(C_Finalize, CKR_OK, (nullptr), "pReserved NULL|"),
+    ROW(C_GetInfo, CKR_OK, (&output<CK_INFO>), "cryptokiVersion = 37.37|manufacturerID = " + k32 +
+        "flags = 0x2525252525252525|libraryDescription = " + k32 + "libraryVersion = 37.37|"),
+    OWN(C_GetFunctionList, CKR_OK, (&output<CK_FUNCTION_LIST*>), ""),
+    ROW(C_GetSlotList, CKR_OK, (CK_TRUE, list, out),
+        "tokenPresent = CK_TRUE|pSlotList: room for 64 slots|*pulCount = 1|pSlotList = 1|"),
+    ROW(C_GetSlotInfo, CKR_OK, (3, &output<CK_SLOT_INFO>), "slotID = 3|slotDescription = " + k64 +
+        "|manufacturerID = " + k32 + "flags = 0x2525252525252525|hardwareVersion = 37.37|"
+        "firmwareVersion = 37.37|"),
+    ROW(C_GetTokenInfo, CKR_TOKEN_NOT_PRESENT, (3, &output<CK_TOKEN_INFO>), "slotID = 3|"),
+    ROW(C_GetMechanismList, CKR_OK, (3, list, out), "slotID = 3|pMechanismList: room for 64 "
+        "mechanisms|*pulCount = 1|pMechanismList[0] = CKM_RSA_PKCS|"),
+    ROW(C_GetMechanismInfo, CKR_MECHANISM_INVALID, (3, CKM_SHA256_RSA_PKCS,
+        &output<CK_MECHANISM_INFO>), "slotID = 3|type = CKM_SHA256_RSA_PKCS|"),
+    ROW(C_InitToken, CKR_OK, (3, pin, 4, tokenLabel), "slotID = 3|pPin: 4 characters, not shown|"
+        "pLabel = \"zelph 100% %s \xC3\xBC          \"|"),
+    ROW(C_InitPIN, CKR_PIN_LEN_RANGE, (5, nullptr, 0), H "pPin = NULL, length 0|"),
+    ROW(C_SetPIN, CKR_OK, (5, pin, 4, newPin, 5),
+        H "pOldPin: 4 characters, not shown|pNewPin: 5 characters, not shown|"),
+    ROW(C_OpenSession, CKR_OK, (3, CKF_SERIAL_SESSION | CKF_RW_SESSION, data, nullptr, out),
+        "slotID = 3|flags = 0x00000006|pApplication set, Notify NULL|*phSession = 1|"),
+    SESSION(C_CloseSession, CKR_SESSION_HANDLE_INVALID), SESSION(C_Logout, CKR_OK),
+    ROW(C_CloseAllSessions, CKR_OK, (3), "slotID = 3|"),
+    ROW(C_GetSessionInfo, CKR_OK, (5, &output<CK_SESSION_INFO>), H "slotID = 2676586395008836901|"
+        "state = unknown|flags = 0x2525252525252525|ulDeviceError = 2676586395008836901|"),
+    FINAL(C_GetOperationState, CKR_OK, "pOperationState", "*pulOperationStateLen"),
+    ROW(C_SetOperationState, CKR_OK, (5, data, 4, 9, 8),
+        H "pOperationState: 4 bytes|hEncryptionKey = 9|hAuthenticationKey = 8|"),
+    ROW(C_Login, CKR_PIN_INCORRECT, (5, CKU_SO, pin, 4),
+        H "userType = CKU_SO|pPin: 4 characters, not shown|"),
+    ROW(C_CreateObject, CKR_OK, (5, attributes, 1, out), H LABEL "*phObject = 1|"),
+    ROW(C_CopyObject, CKR_OK, (5, 8, nullptr, 0, out),
+        H "hObject = 8|pTemplate = NULL, 0 attributes|*phNewObject = 1|"),
+    ROW(C_DestroyObject, CKR_OBJECT_HANDLE_INVALID, (5, 8), H "hObject = 8|"),
+    ROW(C_GetObjectSize, CKR_OK, (5, 8, out), H "hObject = 8|*pulSize = 1|"),
+    // A refused attribute is shown without whatever the caller left in its buffer.
+    ROW(C_GetAttributeValue, CKR_ATTRIBUTE_SENSITIVE, (5, 8, attributes, 2), H "hObject = 8|"
+        "pTemplate: 2 attributes asked for|\tCKA_LABEL\tLen=2\t(data present)|\tCKA_VALUE\tLen=-1\t"
+        "(data present)|pTemplate: 2 attributes answered|\tCKA_LABEL\tLen=2\t\"ab\"|\tCKA_VALUE\t"
+        "Len=-1\t(data NULL)|"),
+    ROW(C_SetAttributeValue, CKR_OK, (5, 8, attributes, 1), H "hObject = 8|" LABEL),
+    ROW(C_FindObjectsInit, CKR_OK, (5, attributes, 1), H LABEL),
+    ROW(C_FindObjects, CKR_OK, (5, list, 4, out),
+        H "ulMaxObjectCount = 4|*pulObjectCount = 1|phObject = 1|"),
+    SESSION(C_FindObjectsFinal, CKR_OK), SESSION(C_GetFunctionStatus, CKR_FUNCTION_NOT_PARALLEL),
+    SESSION(C_CancelFunction, CKR_FUNCTION_NOT_PARALLEL),
+    KEY_INIT(C_EncryptInit, CKR_KEY_TYPE_INCONSISTENT), KEY_INIT(C_DecryptInit, CKR_OK),
+    KEY_INIT(C_SignInit, CKR_OK), KEY_INIT(C_SignRecoverInit, CKR_OK),
+    KEY_INIT(C_VerifyInit, CKR_OK), KEY_INIT(C_VerifyRecoverInit, CKR_OK),
+    UPDATE(C_DigestUpdate, CKR_OK),
+    UPDATE(C_SignUpdate, CKR_OK), UPDATE(C_VerifyUpdate, CKR_OK),
+    TRANSFORM(C_Encrypt, CKR_OK, "pData", "pEncryptedData", "*pulEncryptedDataLen"),
+    TRANSFORM(C_EncryptUpdate, CKR_OK, "pPart", "pEncryptedPart", "*pulEncryptedPartLen"),
+    FINAL(C_EncryptFinal, CKR_OK, "pLastEncryptedPart", "*pulLastEncryptedPartLen"),
+    TRANSFORM(C_Decrypt, CKR_OK, "pEncryptedData", "pData", "*pulDataLen"),
+    TRANSFORM(C_DecryptUpdate, CKR_OK, "pEncryptedPart", "pPart", "*pulPartLen"),
+    FINAL(C_DecryptFinal, CKR_OK, "pLastPart", "*pulLastPartLen"),
+    ROW(C_DigestInit, CKR_OK, (5, &mechanism), H MECH),
+    TRANSFORM(C_Digest, CKR_OK, "pData", "pDigest", "*pulDigestLen"),
+    ROW(C_DigestKey, CKR_KEY_INDIGESTIBLE, (5, 9), H "hKey = 9|"),
+    FINAL(C_DigestFinal, CKR_OK, "pDigest", "*pulDigestLen"),
+    TRANSFORM(C_Sign, CKR_BUFFER_TOO_SMALL, "pData", "pSignature", "*pulSignatureLen"),
+    FINAL(C_SignFinal, CKR_BUFFER_TOO_SMALL, "pSignature", "*pulSignatureLen"),
+    TRANSFORM(C_SignRecover, CKR_OK, "pData", "pSignature", "*pulSignatureLen"),
+    ROW(C_Verify, CKR_SIGNATURE_INVALID, (5, data, 4, buffer, 3),
+        H "pData: 4 bytes|pSignature: 3 bytes|"),
+    ROW(C_VerifyFinal, CKR_OK, (5, data, 4), H "pSignature: 4 bytes|"),
+    TRANSFORM(C_VerifyRecover, CKR_OK, "pSignature", "pData", "*pulDataLen"),
+    TRANSFORM(C_DigestEncryptUpdate, CKR_OK, "pPart", "pEncryptedPart", "*pulEncryptedPartLen"),
+    TRANSFORM(C_DecryptDigestUpdate, CKR_OK, "pEncryptedPart", "pPart", "*pulPartLen"),
+    TRANSFORM(C_SignEncryptUpdate, CKR_OK, "pPart", "pEncryptedPart", "*pulEncryptedPartLen"),
+    TRANSFORM(C_DecryptVerifyUpdate, CKR_OK, "pEncryptedPart", "pPart", "*pulPartLen"),
+    ROW(C_GenerateKey, CKR_OK, (5, &mechanism, attributes, 1, out), H MECH LABEL "*phKey = 1|"),
+    ROW(C_GenerateKeyPair, CKR_OK, (5, &mechanism, attributes, 1, nullptr, 0, out, out + 1),
+        H MECH "pPublicKeyTemplate: 1 attribute|\tCKA_LABEL\tLen=2\t\"ab\"|pPrivateKeyTemplate = "
+        "NULL, 0 attributes|*phPublicKey = 1|*phPrivateKey = 1|"),
+    ROW(C_WrapKey, CKR_OK, (5, &mechanism, 9, 8, buffer, out), H MECH
+        "hWrappingKey = 9|hKey = 8|pWrappedKey: room for 64 bytes|*pulWrappedKeyLen = 1|"),
+    ROW(C_UnwrapKey, CKR_OK, (5, &mechanism, 9, data, 4, attributes, 1, out), H MECH
+        "hUnwrappingKey = 9|pWrappedKey: 4 bytes|" LABEL "*phKey = 1|"),
+    // Handles are shown only after CKR_OK.
+    ROW(C_DeriveKey, CKR_MECHANISM_INVALID, (5, &mechanism, 9, attributes, 1, out),
+        H MECH "hBaseKey = 9|" LABEL),
+    ROW(C_SeedRandom, CKR_RANDOM_SEED_NOT_SUPPORTED, (5, data, 4), H "pSeed: 4 bytes|"),
+    ROW(C_GenerateRandom, CKR_OK, (5, buffer, 16), H "RandomData: 16 bytes|"),
+    ROW(C_WaitForSlotEvent, CKR_OK, (CKF_DONT_BLOCK, out, nullptr),
+        "flags = 0x00000001|*pSlot = 1|"),
+};
+// clang-format on
+
+// The log from byte `from` on, without time and thread prefixes: as the
+// golden log shows it, numbers as "#" and the contents of the trace library's
+// dumps, which vary by run, as "<dump>"; else with one level less indentation.
+std::vector<std::string> LogSince(std::size_t from, bool golden = false) {
+  std::vector<std::string> lines;
+  for (const std::string& line : SplitLines(ReadLogs(TraceThisProcess()).substr(from))) {
+    const CTraceLine split = SplitTraceLine(line);
+    std::string text = golden && split.text.starts_with('\t') ? "<dump>" : split.text;
+    if (golden) text = std::regex_replace(text, std::regex("[0-9]+"), "#");
+    const int depth = golden || split.depth == 0 ? split.depth : split.depth - 1;
+    lines.push_back(split.valid ? std::string(4 * depth, ' ') + text : line);
+  }
+  return lines;
+}
+
+// Runs a program to its end; says how it ended and what it wrote.
+std::string RunProgram(std::vector<std::string> command,
+                       std::map<std::string, std::optional<std::string>> environment = {}) {
+  CChildOptions options;
+  options.command = std::move(command);
+  options.environment = std::move(environment);
+  CChildProcess child(std::move(options));
+  child.Finish();
+  return child.Describe();
+}
+
+// First in the process: the misconfigured C_Initialize calls need a spy that
+// has not loaded a module yet. C_Initialize loads it for the whole process.
+TEST(SpyTest, EveryCallReachesTheModuleUnchangedAndIsLoggedWithoutSecrets) {
+  CK_FUNCTION_LIST* spy = Spy();
+  for (const auto& [line, name, rv, run, lines, forwarded] : kRows) {
+    SCOPED_TRACE(testing::Message() << "line " << line << ": " << name);
+    sent = got = {};
+    result = rv;
+    out[0] = 64;
+    const std::size_t from = ReadLogs(TraceThisProcess()).size();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run(spy), rv) << "the module's result did not reach the caller";
+    EXPECT_EQ(CountOf(testing::internal::GetCapturedStderr(), "zelph spy: "),
+              CountOf(lines, "Cannot forward: "))
+        << "no line on standard error saying why";
+    // The module writes its outputs where the caller gave them.
+    EXPECT_EQ(got, forwarded ? sent : std::vector<std::uintptr_t>())
+        << "the module's function of that name did not get the arguments unchanged";
+    EXPECT_NE(dlsym(spyLibrary, name), nullptr) << "not exported";
+    std::string logged;
+    for (const std::string& text : LogSince(from)) logged += text + "|";
+    EXPECT_EQ(logged, "Entering " + std::string(name) + ".|" + lines + "Returns " +
+                          GetCkErrorString(rv) + "|Leaving " + name + ".||");
+  }
+  // Nothing but the functions of the table.
+  EXPECT_EQ(CountOf(RunProgram({"/usr/bin/nm", "-D", "--defined-only", "-j", ZELPH_SPY_LIB}), "\n"),
+            68);
+}
+
+// A SoftHSM2 token store with the user PIN "1234"; returns its configuration.
+std::string SoftHsmStore(const CTestDir& dir) {
+  mkdir(dir.File("tokens").c_str(), 0700);
+  WriteFile(dir.File("softhsm2.conf"),
+            "directories.tokendir = " + dir.File("tokens") + "\nlog.level = ERROR\n");
+  const std::string token =
+      RunProgram({"/usr/bin/softhsm2-util", "--init-token", "--free", "--label", "zelph",
+                  "--so-pin", "87654321", "--pin", "1234"},
+                 {{"SOFTHSM2_CONF", dir.File("softhsm2.conf")}});
+  EXPECT_TRUE(token.starts_with("exit status 0;")) << token;
+  return dir.File("softhsm2.conf");
+}
+
+// A session through the spy in this process in front of SoftHSM2, whose log
+// must read as the golden log.
+TEST(SpyTest, SessionWithSoftHsmIsLoggedLineForLineAsTheGoldenLog) {
+  if (access(kSoftHsm, R_OK) != 0) GTEST_SKIP() << "SoftHSM2 is missing; `make deps` installs it";
+  const CTestDir dir("spy");
+  setenv("SOFTHSM2_CONF", SoftHsmStore(dir).c_str(), 1);
+  setenv("ZELPH_SPY_MODULE", ZELPH_FAKE_MODULE, 1);
+  CK_FUNCTION_LIST* f = Spy();  // the log is open
+  reinterpret_cast<CK_C_GetFunctionList>(dlsym(dlopen(kSoftHsm, RTLD_NOW), "C_GetFunctionList"))(
+      &f);
+  *fake = *f;  // the module's functions are now SoftHSM2's
+  const std::size_t from = ReadLogs(TraceThisProcess()).size();
+  f = Spy();
+  f->C_Initialize(nullptr);
+  f->C_GetInfo(&output<CK_INFO>);
+  CK_ULONG count = 4, length = 32;
+  f->C_GetSlotList(CK_TRUE, list, &count);
+  f->C_GetTokenInfo(list[0], &output<CK_TOKEN_INFO>);
+  CK_SESSION_HANDLE s = 0;
+  f->C_OpenSession(list[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &s);
+  f->C_Login(s, CKU_USER, pin, 4);
+  CK_BBOOL no = CK_FALSE, yes = CK_TRUE;
+  CK_ATTRIBUTE key[] = {{CKA_TOKEN, &no, 1}, {CKA_VALUE_LEN, &length, 8}, {CKA_SENSITIVE, &yes, 1}};
+  CK_MECHANISM generate = {CKM_AES_KEY_GEN, nullptr, 0};
+  f->C_GenerateKey(s, &generate, key, 3, &out[0]);
+  CK_ATTRIBUTE value = {CKA_VALUE, buffer, 32};
+  f->C_GetAttributeValue(s, out[0], &value, 1);  // refused: the key is sensitive
+  f->C_FindObjectsInit(s, key, 1);
+  f->C_FindObjects(s, list, 4, &count);
+  f->C_FindObjectsFinal(s);
+  f->C_Logout(s);
+  f->C_CloseSession(s);
+  f->C_Finalize(nullptr);
+  ExpectLines(LogSince(from, true), SplitLines(ReadFile(ZELPH_SPY_GOLDEN_LOG) + "\n"),
+              ZELPH_SPY_GOLDEN_LOG);
+}
+
+TEST(SpyTest, Pkcs11ToolSelfTestPrintsTheSameThroughTheSpy) {
+  ZELPH_SKIP_UNDER_TSAN("loads the spy into pkcs11-tool");
+  if (access(kSoftHsm, R_OK) != 0 || access("/usr/bin/pkcs11-tool", X_OK) != 0) {
+    GTEST_SKIP() << "SoftHSM2 or OpenSC's pkcs11-tool is missing; `make deps` installs them";
+  }
+  const CTestDir dir("spy");
+  WriteFile(dir.File("zelph.conf"),
+            TraceConfig(dir.Path()) + "Spy {\n\tModule = " + kSoftHsm + "\n}\n");
+  const std::string store = SoftHsmStore(dir);
+  const auto tool = [&](const char* module, std::vector<std::string> args) {
+    args.insert(args.begin(),
+                {"/usr/bin/pkcs11-tool", "--module", module, "--login", "--pin", "1234"});
+    return RunProgram(args, {{"SOFTHSM2_CONF", store},
+                             {"ZELPH_CONFFILE", dir.File("zelph.conf")},
+                             {"ZELPH_SPY_MODULE", std::nullopt}});
+  };
+  const std::string keys = tool(kSoftHsm, {"--keypairgen", "--key-type", "rsa:2048"});
+  ASSERT_TRUE(keys.starts_with("exit status 0;")) << keys;
+  const std::string direct = tool(kSoftHsm, {"--test"});
+  EXPECT_EQ(tool(ZELPH_SPY_LIB, {"--test"}), direct) << "the self-test differs through the spy";
+  EXPECT_GT(CountOf(ReadLogs(dir.Path()), "Entering C_VerifyInit."), 0) << "not through the spy";
+}
+
+TEST(SpyTest, NamesToolNamesEachKindOfNumberAndRefusesWhatIsNoNumber) {
+  // clang-format off
+  // The start of standard output, or of standard error when the tool fails.
+  const struct { int line; std::vector<std::string> args; int exit; std::string text; } cases[] = {
+      {__LINE__, {"rv", "0xA0", "164"}, 0, "0x000000A0  CKR_PIN_INCORRECT\n            The PIN "
+                                           "value is incorrect.\n0x000000A4  CKR_PIN_LOCKED\n"},
+      {__LINE__, {"mechflags", "0x801"}, 0, "0x00000801  CKF_HW CKF_SIGN\n\""},
+      {__LINE__, {"tokenflags", "0"}, 0, "0x00000000  none\n\""},
+      {__LINE__, {"--help"}, 0, "usage: zelph-names <kind> <number>...\n"},
+      {__LINE__, {"colour", "1"}, 2, "zelph-names: unknown kind \"colour\""},
+      {__LINE__, {"rv", "0xA0z"}, 2, "zelph-names: \"0xA0z\" is not a number"},
+      {__LINE__, {"rv", "0x1FFFFFFFFFFFFFFFF"}, 2, "zelph-names: \"0x1FFFFFFFFFFFFFFFF\" is not a"},
+      {__LINE__, {"rv"}, 2, "usage: zelph-names"},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "line " << c.line);
+    std::vector<std::string> command = {ZELPH_NAMES_TOOL};
+    command.insert(command.end(), c.args.begin(), c.args.end());
+    const std::string run = RunProgram(command);
+    EXPECT_TRUE(run.starts_with("exit status " + std::to_string(c.exit) + "; stdout: \"" +
+                                (c.exit == 0 ? "" : "\"; stderr: \"") + c.text))
+        << run;
+  }
+}
+
+}  // namespace
+}  // namespace zelph

@@ -1,0 +1,63 @@
+// Switching tracing on for a test and reading the logs back: the
+// configuration text, the log files of a directory, sessions, and the line
+// prefix ("MM-DD_hh:mm:ss:uuuuuu TTTTTTTTmm " plus four blanks per level).
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zelph {
+
+// The rule line that opens a session's header and closes its footer.
+inline constexpr char kTraceRule[] = "##################################################";
+
+// A configuration whose section Quillon holds "EnableTrace" and "Trace".
+std::string TraceConfig(const std::string& logDirectory, std::string_view enableTrace = "1");
+
+// Switches tracing on for this test process, into "<dir>/logs", by pointing
+// ZELPH_CONFFILE (and HOME) at a fresh configuration. The session decides once
+// per process, so call it before the first trace call (a global test
+// environment does). Returns the log directory; later calls return it again.
+const std::string& TraceThisProcess();
+
+// The trace logs ("zelph_*.log") in `directory`, sorted by name.
+std::vector<std::string> LogFiles(const std::string& directory);
+// Every log of `directory`, one after the other in name order.
+std::string ReadLogs(const std::string& directory);
+
+// One session of a log: the nine header lines (the last is blank), the body,
+// and the three footer lines (empty when the session was never ended).
+struct CTraceSessionText {
+  std::vector<std::string> header;
+  std::vector<std::string> body;
+  std::vector<std::string> footer;
+};
+// The sessions of a log; a malformed log adds a test failure.
+std::vector<CTraceSessionText> ParseLog(std::string_view text);
+
+// A body line cut into its prefix fields. `valid` is false when the line has
+// no well-formed prefix (then only `text` is set, to the whole line).
+struct CTraceLine {
+  bool valid = false;
+  std::string stamp;   // "MM-DD_hh:mm:ss:uuuuuu"
+  std::string thread;  // eight upper-case hex digits
+  char marker = 0;
+  int depth = 0;       // four blanks per level
+  std::string text;
+};
+CTraceLine SplitTraceLine(std::string_view line);
+
+// What a line reads after its time stamp: thread id, marker twice, a blank,
+// four blanks per level, the text.
+std::string TraceLine(std::string_view thread, char marker, int depth, std::string_view text);
+
+// The marker of the n-th thread (from 0) that traces in a process: fifteen
+// punctuation marks once, then A-Z and a-z in a cycle.
+char MarkerOfThread(int n);
+
+// Compares two line lists, naming the first line that differs.
+void ExpectLines(const std::vector<std::string>& actual, const std::vector<std::string>& expected,
+                 std::string_view what);
+
+}  // namespace zelph
