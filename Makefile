@@ -106,7 +106,7 @@ COUNT_LINES = find $(1) -path tests/fuzz/corpus -prune -o -type f \( -name '*.c'
 .PHONY: proportion
 proportion:
 	@tests=$$($(call COUNT_LINES,tests)); code=$$($(call COUNT_LINES,src include)); \
-	echo "tests $$tests lines, src+include $$code lines: $$((100 * tests / code))%"
+	echo "tests $$tests lines, src+include $$code lines: $$((1000 * tests / code / 10)).$$((1000 * tests / code % 10))%"
 
 clean:
 	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(MUTATE_DIR)

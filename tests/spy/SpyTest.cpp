@@ -35,8 +35,7 @@ CK_FUNCTION_LIST* Spy() {
 // A number or pointer as the bytes of a machine word (x86-64).
 const auto Word = [](auto value) {
   std::uintptr_t word = 0;
-  std::memcpy(&word, &value, sizeof value);
-  return word;
+  return std::memcpy(&word, &value, sizeof value), word;
 };
 
 // The function and arguments the test sent, those the module got, and what
@@ -229,12 +228,8 @@ std::vector<std::string> LogSince(std::size_t from, bool golden = false) {
 // Runs a program to its end; says how it ended and what it wrote.
 std::string RunProgram(std::vector<std::string> command,
                        std::map<std::string, std::optional<std::string>> environment = {}) {
-  CChildOptions options;
-  options.command = std::move(command);
-  options.environment = std::move(environment);
-  CChildProcess child(std::move(options));
-  child.Finish();
-  return child.Describe();
+  CChildProcess child({std::move(command), {}, std::move(environment), {}, {}});
+  return child.Finish(), child.Describe();
 }
 
 // First in the process: the misconfigured C_Initialize calls need a spy that

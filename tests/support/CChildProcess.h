@@ -17,19 +17,13 @@
 namespace zelph {
 
 struct CChildOptions {
-  // The program and its arguments (argv[0] is the program's path) ...
-  std::vector<std::string> command;
-  // ... or, when set, a function run in a forked copy of the test process,
-  // whose result becomes the exit status (98 when it throws).
-  std::function<int()> body;
-  // Variables set or replaced in the child's environment; an empty optional
-  // removes the variable.
+  std::vector<std::string> command;  // the program's path and arguments, or
+  std::function<int()> body;  // run in a forked copy of the test; exit status (98: it threw)
+  // Variables set in the child's environment; an empty optional removes one.
   std::map<std::string, std::optional<std::string>> environment;
-  // RLIMIT_FSIZE, with SIGXFSZ ignored so that writes past the limit fail
-  // with EFBIG instead of killing the child: a full disk.
+  // RLIMIT_FSIZE, with SIGXFSZ ignored: writes past it fail with EFBIG, as on a full disk.
   std::optional<unsigned long> fileSizeLimit;
-  // The child's working directory; the test's own when empty.
-  std::string workDir;
+  std::string workDir;  // the test's own when empty
 };
 
 class CChildProcess {
@@ -41,17 +35,14 @@ class CChildProcess {
 
   pid_t Pid() const noexcept { return pid_; }
 
-  // Writes to the child's stdin (nothing once the child is gone).
-  void Send(std::string_view text);
+  void Send(std::string_view text);  // to stdin; nothing once the child is gone
   // Reads stdout until a line not seen before contains `part`, and returns
   // it; "" when the child closes stdout or `seconds` pass first.
   std::string WaitForLine(std::string_view part, int seconds = 30);
   // Closes stdin, collects output until the child closes it (at most
-  // `seconds`, then the child is killed) and reaps it. True when it exited
-  // with status 0.
+  // `seconds`, then kills it) and reaps it. True on exit status 0.
   bool Finish(int seconds = 60);
-  // The wait status after Finish, -1 before.
-  int Status() const noexcept { return status_; }
+  int Status() const noexcept { return status_; }  // wait status; -1 before Finish
 
   const std::string& Output() const noexcept { return out_; }
   const std::string& Errors() const noexcept { return err_; }
@@ -59,18 +50,14 @@ class CChildProcess {
   std::string Describe() const;
 
  private:
-  // Reads what stdout or stderr have, waiting at most `milliseconds`; false
-  // when both are closed or nothing came in time.
+  // Reads stdout or stderr, waiting at most `milliseconds`; false when both
+  // are closed or nothing came in time.
   bool ReadSome(int milliseconds);
   void Kill() noexcept;
 
   pid_t pid_ = -1;
-  int input_ = -1;
-  int output_ = -1;
-  int errors_ = -1;
-  int status_ = -1;
-  std::string out_;
-  std::string err_;
+  int input_ = -1, output_ = -1, errors_ = -1, status_ = -1;
+  std::string out_, err_;
   std::size_t scanned_ = 0;
 };
 

@@ -11,15 +11,14 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 namespace zelph {
 
 class CLoopbackListener {
  public:
   // Gets the accepted descriptor, which it owns. Accepted sockets time out
-  // after 20 seconds both ways, so a handler cannot hang the test. What a
-  // handler throws (a std::exception's text) is kept in Errors().
+  // after 20 seconds both ways, so a handler cannot hang the test; what a
+  // handler throws ends only that connection.
   using CHandler = std::function<void(int descriptor)>;
 
   explicit CLoopbackListener(CHandler handler);
@@ -30,7 +29,6 @@ class CLoopbackListener {
   std::uint16_t Port() const noexcept { return port_; }
   // "<scheme>://127.0.0.1:<port>" followed by `path`.
   std::string Url(std::string_view path = "", std::string_view scheme = "http") const;
-  std::vector<std::string> Errors() const;
   // Waits (at most 20 seconds) until `count` connections were served.
   bool WaitServed(int count) const;
 
@@ -40,7 +38,6 @@ class CLoopbackListener {
   std::uint16_t port_ = 0;
   mutable std::mutex mutex_;
   mutable std::condition_variable servedChanged_;
-  std::vector<std::string> errors_;
   int served_ = 0;
   std::thread thread_;
 };

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <sstream>
 
 #include "TestFiles.h"
 
@@ -51,78 +50,50 @@ std::string ReadLogs(const std::string& directory) {
 std::vector<CTraceSessionText> ParseLog(std::string_view text) {
   if (!text.empty() && text.back() != '\n') ADD_FAILURE() << "the log does not end with a line feed";
   const std::vector<std::string> lines = SplitLines(text);
-  std::vector<CTraceSessionText> sessions;
   auto startsSession = [&](std::size_t at) {
-    return at + 1 < lines.size() && lines[at] == kTraceRule && lines[at + 1].starts_with("# Starting log on ");
+    return at + 1 < lines.size() && lines[at] == kTraceRule &&
+           lines[at + 1].starts_with("# Starting log on ");
   };
-  std::size_t i = 0;
-  if (!lines.empty() && !startsSession(0)) ADD_FAILURE() << "the log does not start with a header";
-  while (i < lines.size() && !startsSession(i)) ++i;
-  while (i < lines.size()) {
-    CTraceSessionText session;
-    if (i + 9 > lines.size()) {
-      ADD_FAILURE() << "the log ends inside a session header";
+  std::vector<CTraceSessionText> sessions;
+  for (std::size_t i = 0; i < lines.size();) {
+    if (!startsSession(i) || i + 9 > lines.size()) {
+      ADD_FAILURE() << "no whole session header at line " << i << ": " << Visible(lines[i]);
       break;
     }
-    session.header.assign(lines.begin() + static_cast<long>(i), lines.begin() + static_cast<long>(i + 9));
-    for (i += 9; i < lines.size() && lines[i] != "# Ending log" && !startsSession(i); ++i) {
+    CTraceSessionText& session = sessions.emplace_back();
+    session.header.assign(lines.begin() + long(i), lines.begin() + long(i + 9));
+    for (i += 9; i < lines.size() && lines[i] != "# Ending log" && !startsSession(i); ++i)
       session.body.push_back(lines[i]);
-    }
-    if (i < lines.size() && lines[i] == "# Ending log") {
-      if (session.body.empty() || !session.body.back().empty()) {
-        ADD_FAILURE() << "no blank line before \"# Ending log\"";
-      } else {
-        session.body.pop_back();
-      }
-      session.footer = {"", lines[i++]};
-      if (i < lines.size()) session.footer.push_back(lines[i++]);
-    }
-    sessions.push_back(std::move(session));
-    if (i < lines.size() && !startsSession(i)) {
-      ADD_FAILURE() << "text after a session's footer: " << Visible(lines[i]);
-      break;
-    }
+    if (i == lines.size() || startsSession(i)) continue;  // never ended
+    if (session.body.empty() || !session.body.back().empty())
+      ADD_FAILURE() << "no blank line before \"# Ending log\"";
+    if (!session.body.empty()) session.body.pop_back();
+    session.footer = {"", lines[i++]};
+    if (i < lines.size()) session.footer.push_back(lines[i++]);
   }
   return sessions;
 }
 
 CTraceLine SplitTraceLine(std::string_view line) {
+  // "MM-DD_hh:mm:ss:uuuuuu " then 8 upper-case hex digits, the marker twice, a blank.
+  constexpr std::string_view kShape = "00-00_00:00:00:000000 HHHHHHHHmm ";
   CTraceLine split;
   split.text = line;
-  // "MM-DD_hh:mm:ss:uuuuuu " then 8 hex digits, the marker twice, a blank.
-  constexpr std::string_view kShape = "00-00_00:00:00:000000 ";
-  if (line.size() < kShape.size() + 11) return split;
+  if (line.size() < kShape.size() || line[30] != line[31]) return split;
   for (std::size_t i = 0; i < kShape.size(); ++i) {
-    const bool digit = line[i] >= '0' && line[i] <= '9';
-    if ((kShape[i] == '0') != digit || (!digit && line[i] != kShape[i])) return split;
+    const char c = line[i], shape = kShape[i];
+    const bool digit = c >= '0' && c <= '9';
+    if (shape == '0' ? !digit
+        : shape == 'H' ? !digit && (c < 'A' || c > 'F')
+                       : shape != 'm' && c != shape) {
+      return split;
+    }
   }
-  const std::string_view thread = line.substr(kShape.size(), 8);
-  if (!std::all_of(thread.begin(), thread.end(), [](char c) { return std::isxdigit(c) && !std::islower(c); })) {
-    return split;
-  }
-  const std::size_t at = kShape.size() + 8;
-  if (line[at] != line[at + 1] || line[at + 2] != ' ') return split;
-  split.valid = true;
-  split.stamp = line.substr(0, kShape.size() - 1);
-  split.thread = thread;
-  split.marker = line[at];
-  std::string_view rest = line.substr(at + 3);
-  while (rest.starts_with("    ")) {
-    ++split.depth;
-    rest.remove_prefix(4);
-  }
-  split.text = rest;
+  split.valid = true, split.stamp = line.substr(0, 21), split.thread = line.substr(22, 8);
+  split.marker = line[30];
+  for (line.remove_prefix(33); line.starts_with("    "); line.remove_prefix(4)) ++split.depth;
+  split.text = line;
   return split;
-}
-
-std::string TraceLine(std::string_view thread, char marker, int depth, std::string_view text) {
-  std::string line(thread);
-  line += marker;
-  line += marker;
-  line += ' ';
-  line.append(static_cast<std::size_t>(4 * std::max(depth, 0)), ' ');
-  line += text;
-  return line;
 }
 
 char MarkerOfThread(int n) {
@@ -133,21 +104,13 @@ char MarkerOfThread(int n) {
 
 void ExpectLines(const std::vector<std::string>& actual, const std::vector<std::string>& expected,
                  std::string_view what) {
-  const std::size_t common = std::min(actual.size(), expected.size());
-  for (std::size_t i = 0; i < common; ++i) {
-    if (actual[i] != expected[i]) {
-      ADD_FAILURE() << what << ": line " << i << " differs\n  actual:   \"" << Visible(actual[i])
-                    << "\"\n  expected: \"" << Visible(expected[i]) << "\"";
-      return;
-    }
-  }
-  if (actual.size() != expected.size()) {
-    std::ostringstream extra;
-    const auto& longer = actual.size() > expected.size() ? actual : expected;
-    for (std::size_t i = common; i < longer.size() && i < common + 5; ++i) extra << "\n  \"" << Visible(longer[i]) << "\"";
-    ADD_FAILURE() << what << ": " << actual.size() << " lines instead of " << expected.size() << "; first of the "
-                  << (actual.size() > expected.size() ? "surplus" : "missing") << " lines:" << extra.str();
-  }
+  std::size_t i = 0;
+  while (i < actual.size() && i < expected.size() && actual[i] == expected[i]) ++i;
+  if (i == actual.size() && i == expected.size()) return;
+  ADD_FAILURE() << what << ": line " << i << " differs (" << actual.size() << " lines, "
+                << expected.size() << " expected)\n  actual:   \""
+                << (i < actual.size() ? Visible(actual[i]) : "<none>") << "\"\n  expected: \""
+                << (i < expected.size() ? Visible(expected[i]) : "<none>") << "\"";
 }
 
 }  // namespace zelph

@@ -29,28 +29,21 @@ std::string ReadLogs(const std::string& directory);
 // One session of a log: the nine header lines (the last is blank), the body,
 // and the three footer lines (empty when the session was never ended).
 struct CTraceSessionText {
-  std::vector<std::string> header;
-  std::vector<std::string> body;
-  std::vector<std::string> footer;
+  std::vector<std::string> header, body, footer;
 };
 // The sessions of a log; a malformed log adds a test failure.
 std::vector<CTraceSessionText> ParseLog(std::string_view text);
 
-// A body line cut into its prefix fields. `valid` is false when the line has
-// no well-formed prefix (then only `text` is set, to the whole line).
+// A body line cut into its prefix fields; without a well-formed prefix only
+// `text` is set, to the whole line.
 struct CTraceLine {
   bool valid = false;
-  std::string stamp;   // "MM-DD_hh:mm:ss:uuuuuu"
-  std::string thread;  // eight upper-case hex digits
+  std::string stamp, thread;  // "MM-DD_hh:mm:ss:uuuuuu", eight upper-case hex digits
   char marker = 0;
-  int depth = 0;       // four blanks per level
+  int depth = 0;  // four blanks per level
   std::string text;
 };
 CTraceLine SplitTraceLine(std::string_view line);
-
-// What a line reads after its time stamp: thread id, marker twice, a blank,
-// four blanks per level, the text.
-std::string TraceLine(std::string_view thread, char marker, int depth, std::string_view text);
 
 // The marker of the n-th thread (from 0) that traces in a process: fifteen
 // punctuation marks once, then A-Z and a-z in a cycle.
