@@ -31,9 +31,8 @@ std::optional<Parts> ReadAll(std::string_view body, const CISOString& boundary, 
       const CByteBuffer whole = capacity == 0 ? reader.ReadPart() : CByteBuffer();
       std::string data(whole.begin(), whole.end());
       char buffer[16];
-      for (std::int32_t n; capacity > 0 && (n = reader.Read(buffer, capacity)) > 0;) {
+      for (std::int32_t n; capacity > 0 && (n = reader.Read(buffer, capacity)) > 0;)
         data.append(buffer, static_cast<std::size_t>(std::min(n, capacity)));
-      }
       parts.emplace_back(headers, data);
     }
   } catch (const CHttpException& e) {

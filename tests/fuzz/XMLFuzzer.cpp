@@ -17,9 +17,8 @@ bool Writable(const CXMLNode& node) {
       node.GetText().View().find_first_of("<&") != std::string_view::npos) {
     return false;
   }
-  for (const CXMLNodeRef& child : node.GetChildren()) {
+  for (const CXMLNodeRef& child : node.GetChildren())
     if (!Writable(*child)) return false;
-  }
   return true;
 }
 

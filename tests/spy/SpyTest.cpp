@@ -228,7 +228,7 @@ std::vector<std::string> LogSince(std::size_t from, bool golden = false) {
 // Runs a program to its end; says how it ended and what it wrote.
 std::string RunProgram(std::vector<std::string> command,
                        std::map<std::string, std::optional<std::string>> environment = {}) {
-  CChildProcess child({std::move(command), {}, std::move(environment), {}, {}});
+  CChildProcess child({std::move(command), {}, std::move(environment), {}});
   return child.Finish(), child.Describe();
 }
 

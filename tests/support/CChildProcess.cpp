@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -59,11 +58,6 @@ CChildProcess::CChildProcess(CChildOptions options) {
     // Without the parent's ends a forked body sees the end of its stdin.
     close(in[1]), close(out[0]), close(err[0]);
     dup2(in[0], STDIN_FILENO), dup2(out[1], STDOUT_FILENO), dup2(err[1], STDERR_FILENO);
-    if (options.fileSizeLimit) {
-      const rlimit limit{*options.fileSizeLimit, *options.fileSizeLimit};
-      signal(SIGXFSZ, SIG_IGN);  // an ignored signal stays ignored across exec
-      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(126);
-    }
     if (!options.workDir.empty() && chdir(options.workDir.c_str()) != 0) _exit(125);
     if (!options.body) execve(argv[0], argv.data(), envp.data()), _exit(127);
     environ = envp.data();

@@ -1,8 +1,7 @@
 // A child process for tests: a program or a forked function, with its own
-// environment, an optional limit on the size of the files it writes, stdin
-// fed by the test, and stdout and stderr collected. It runs in a process
-// group of its own, which is killed when the object goes (and by the kernel
-// when the test process dies first).
+// environment, stdin fed by the test, and stdout and stderr collected. It
+// runs in a process group of its own, which is killed when the object goes
+// (and by the kernel when the test process dies first).
 #pragma once
 
 #include <sys/types.h>
@@ -21,8 +20,6 @@ struct CChildOptions {
   std::function<int()> body;  // run in a forked copy of the test; exit status (98: it threw)
   // Variables set in the child's environment; an empty optional removes one.
   std::map<std::string, std::optional<std::string>> environment;
-  // RLIMIT_FSIZE, with SIGXFSZ ignored: writes past it fail with EFBIG, as on a full disk.
-  std::optional<unsigned long> fileSizeLimit;
   std::string workDir;  // the test's own when empty
 };
 

@@ -416,25 +416,6 @@ TEST(TraceLogTest, SessionWritesEachCallAtOnceAndKeepsItsFileWhateverHappensToIt
   }
 }
 
-TEST(TraceLogTest, FullDiskLeavesTheHostRunningAndTheLogHoldingWhatFits) {
-  for (const unsigned long limit : {0UL, 100UL, 8192UL}) {
-    SCOPED_TRACE("file size limit " + std::to_string(limit));
-    CTestDir dir;
-    CChildOptions options =
-        Traced(dir, [] { TraceEnter("Main"), Numbered(400), TraceLeave("Main"); });
-    options.fileSizeLimit = limit;
-    CChildProcess child(options);
-    ASSERT_TRUE(child.Finish()) << "the host died: " << child.Describe();
-    const std::vector<std::string> files = LogFiles(dir.File("logs"));
-    ASSERT_EQ(files.size(), 1u) << "the log is created even when nothing fits";
-    const std::string log = ReadFile(files[0]);
-    EXPECT_EQ(log.size(), limit) << "the log fills the room there is";
-    EXPECT_TRUE(std::string_view(kTraceRule).starts_with(log.substr(0, 50))) << Visible(log);
-    EXPECT_EQ(CountOf(log, " fit\n") > 0, limit > 4096) << "whole lines fit only behind the header";
-    EXPECT_EQ(CountOf(log, "# Ending log"), 0);
-  }
-}
-
 TEST(TraceLogTest, EachLoadOfTheLibraryIsASessionEndedByItsUnload) {
   ZELPH_SKIP_UNDER_TSAN("the helper unloads the library before it exits");
   CTestDir dir;

@@ -50,9 +50,8 @@ TEST(CTString, CompareOrdersByCharacterAgainstUtf8Text) {
                {__LINE__, "a", "ab", -1},          {__LINE__, "Ab", "ab", -1},
                {__LINE__, "a", "a\xC3", 0},        {__LINE__, "\xC3\xBF", "\xC4\x80", -1},
                {__LINE__, "?", "\xE2\x82\xAC", -1}};
-  for (const auto& c : cases) {
+  for (const auto& c : cases)
     EXPECT_EQ(CISOString(c.iso).Compare(c.text), c.expected) << "case of line " << c.line;
-  }
 }
 
 TEST(CTString, WritingOneCopyLeavesTheOther) {
@@ -99,9 +98,8 @@ TEST(CEventMessage, CatalogueTextsNamesAndExceptions) {
        "The call to <open> failed for the following reason: No such file or directory. (2)"},
       {__LINE__, {kEvtFreeText, 1}, ""},
       {__LINE__, {0xC1019999, 1, CUTF8FmtArgs().Add("x")}, ""}};
-  for (const auto& c : cases) {
+  for (const auto& c : cases)
     EXPECT_EQ(c.event.GetText().View(), c.expected) << "event of line " << c.line;
-  }
   EXPECT_STREQ(CEventMessage::GetFacilityName(257), "System") << "facility names shifted";
   EXPECT_TRUE(!CEventMessage::GetFacilityName(256) && !CEventMessage::GetFacilityName(263));
   const EService service(CEventMessage(kEvtIOTimedOut, kCategoryIO));
@@ -152,9 +150,8 @@ TEST(CSysLog, LinesReachDevLogWithPriorityIdentityAndCategory) {
     }
     for (const auto& c : cases) CSysLog::GetInstance().Report(c.event);
     char line[512];
-    for (ssize_t n; (n = recv(sock, line, sizeof line, MSG_DONTWAIT)) > 0;) {
+    for (ssize_t n; (n = recv(sock, line, sizeof line, MSG_DONTWAIT)) > 0;)
       std::printf("%.*s\n", static_cast<int>(n), line);
-    }
     return 0;
   };
   CChildProcess child(std::move(options));

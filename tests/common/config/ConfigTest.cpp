@@ -16,9 +16,8 @@ namespace {
 // A tree in one line: entries as key="value"; then subsections as name{...}.
 std::string Dump(const CConfigSection& section) {
   std::string out;
-  for (const auto& e : section.GetEntries()) {
+  for (const auto& e : section.GetEntries())
     out.append(e->key.View()).append("=\"").append(e->value.View()).append("\";");
-  }
   for (const auto& s : section.GetSubsections())
     out.append(s->GetName().View()) += "{" + Dump(*s) + "}";
   return out;
@@ -183,7 +182,7 @@ TEST(ConfigFile, SharedConfigIsReadOnceAndUserConfigIsPrivate) {
                          unsetenv("HOME");
                          return std::printf("%d", OpenUserConfig()->SetValue("k", "v")), 0;
                        },
-                       {{"ZELPH_CONFFILE", dir.File("a.conf")}, {"HOME", dir.Path()}}, {}, {}});
+                       {{"ZELPH_CONFFILE", dir.File("a.conf")}, {"HOME", dir.Path()}}, {}});
   ASSERT_TRUE(child.Finish()) << child.Describe();
   EXPECT_EQ(child.Output(), "a 1 b user 0")
       << "want: the shared configuration read once and kept, OpenConfig reading anew, "

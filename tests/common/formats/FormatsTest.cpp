@@ -122,9 +122,8 @@ TEST(ASN1Codec, InvalidTagsIdentifiersContentsAndBitStringsAreRefused) {
 
 // The tree in JSON-like notation, strings with every byte visible.
 std::string Dump(const CJSValue& v) {
-  if (const auto* m = dynamic_cast<const CJSKeyedValue*>(&v)) {
+  if (const auto* m = dynamic_cast<const CJSKeyedValue*>(&v))
     return "\"" + std::string(m->GetKey().View()) + "\":" + Dump(m->GetValue());
-  }
   if (v.IsNull()) return "null";
   if (dynamic_cast<const CJSString*>(&v)) return "\"" + Visible(v.GetString().View()) + "\"";
   if (dynamic_cast<const CJSBoolean*>(&v)) return v.GetBool() ? "true" : "false";
@@ -258,9 +257,8 @@ TEST(XMLReader, TextGivesExpectedTreeOrMessage) {
       {__LINE__, "<a><b></b>", "error: XML: Unclosed tag"},
       {__LINE__, "<a>\xE2\x82", "error: XML: Unclosed tag"},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : cases)
     EXPECT_EQ(Rewritten(c.text), c.tree) << "line " << c.line << ": " << Visible(c.text);
-  }
   CUTF8String input("<a><b/></a>rest");
   CTStringCursor<CUTF8Encoding> cursor(input);
   EXPECT_EQ(WriteXML(*ParseXMLElement(cursor)).View(), "<a><b/></a>");
