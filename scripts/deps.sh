@@ -8,6 +8,8 @@ packages=(
   libp11-kit-dev libpcsclite-dev libssl-dev openssl
   net-tools python3
   softhsm2 opensc dpkg-dev file
+  # PKCS#11 3.0 definitions (names, interface layout) and the NSS tools of the spy tests
+  libnss3-dev libnss3-tools
   # make fuzz: clang with libFuzzer and its sanitizer runtimes
   clang libclang-rt-14-dev
 )

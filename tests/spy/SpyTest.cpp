@@ -1,5 +1,5 @@
 // The spy in this process in front of a module whose functions the test
-// supplies, then in front of SoftHSM2 here and in pkcs11-tool; zelph-names.
+// supplies, then in front of SoftHSM2 here and in pkcs11-tool.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <p11-kit/pkcs11.h>
@@ -332,32 +332,6 @@ TEST(SpyTest, Pkcs11ToolSelfTestPrintsTheSameThroughTheSpy) {
   const std::string direct = tool(kSoftHsm, {"--test"});
   EXPECT_EQ(tool(ZELPH_SPY_LIB, {"--test"}), direct) << "the self-test differs through the spy";
   EXPECT_GT(CountOf(ReadLogs(dir.Path()), "Entering C_VerifyInit."), 0) << "not through the spy";
-}
-
-TEST(SpyTest, NamesToolNamesEachKindOfNumberAndRefusesWhatIsNoNumber) {
-  // clang-format off
-  // The start of standard output, or of standard error when the tool fails.
-  const struct { int line; std::vector<std::string> args; int exit; std::string text; } cases[] = {
-      {__LINE__, {"rv", "0xA0", "164"}, 0, "0x000000A0  CKR_PIN_INCORRECT\n            The PIN "
-                                           "value is incorrect.\n0x000000A4  CKR_PIN_LOCKED\n"},
-      {__LINE__, {"mechflags", "0x801"}, 0, "0x00000801  CKF_HW CKF_SIGN\n\""},
-      {__LINE__, {"tokenflags", "0"}, 0, "0x00000000  none\n\""},
-      {__LINE__, {"--help"}, 0, "usage: zelph-names <kind> <number>...\n"},
-      {__LINE__, {"colour", "1"}, 2, "zelph-names: unknown kind \"colour\""},
-      {__LINE__, {"rv", "0xA0z"}, 2, "zelph-names: \"0xA0z\" is not a number"},
-      {__LINE__, {"rv", "0x1FFFFFFFFFFFFFFFF"}, 2, "zelph-names: \"0x1FFFFFFFFFFFFFFFF\" is not a"},
-      {__LINE__, {"rv"}, 2, "usage: zelph-names"},
-  };
-  // clang-format on
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "line " << c.line);
-    std::vector<std::string> command = {ZELPH_NAMES_TOOL};
-    command.insert(command.end(), c.args.begin(), c.args.end());
-    const std::string run = RunProgram(command);
-    EXPECT_TRUE(run.starts_with("exit status " + std::to_string(c.exit) + "; stdout: \"" +
-                                (c.exit == 0 ? "" : "\"; stderr: \"") + c.text))
-        << run;
-  }
 }
 
 }  // namespace
