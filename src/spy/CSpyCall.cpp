@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "names/Pkcs11Names.h"
+
 namespace zelph {
 
 void CSpyCall::Line(const char* format, ...) noexcept {
@@ -36,6 +38,17 @@ void CSpyCall::FlushLines() noexcept {
   // signs leave no conversion for which an argument would be missing.
   TraceString(lines_.c_str());
   lines_.clear();
+}
+
+CK_RV CSpyCall::Return(CK_RV rv) noexcept {
+  CNameBuffer buffer;
+  const char* name = NameOf(CNameKind::kReturnValue, rv, buffer);
+  if (micros_ < 0) {
+    Line("Returns %s", name);
+  } else {
+    Line("Returns %s (%lld us)", name, micros_);
+  }
+  return rv;
 }
 
 void CSpyCall::AppendLine(std::string_view text) {

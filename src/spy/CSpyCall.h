@@ -3,10 +3,12 @@
 
 #include <p11-kit/pkcs11.h>
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
 #include "spy/CSpyModule.h"
+#include "spy/Pkcs11Interfaces.h"
 #include "zelph/trace.h"
 
 namespace zelph {
@@ -16,7 +18,7 @@ namespace zelph {
 //
 //   CSpyCall call("C_Logout");
 //   call.Line("hSession = %lu", hSession);
-//   CK_RV rv = call.Forward(&CK_FUNCTION_LIST::C_Logout, hSession);
+//   CK_RV rv = call.Forward(&CK_FUNCTION_LIST_3_0::C_Logout, hSession);
 //   ... outputs through call.Line ...
 //   return call.Return(rv);
 //
@@ -49,33 +51,62 @@ class CSpyCall {
   void FlushLines() noexcept;
 
   // Calls the real module's `function` with `args` unchanged and returns its
-  // result, after writing the collected input lines. Before a successful
-  // C_Initialize there is no real module and the result is
-  // CKR_CRYPTOKI_NOT_INITIALIZED; a module that leaves the function out of
-  // its list gets CKR_FUNCTION_NOT_SUPPORTED.
+  // result, after writing the collected input lines; the time the module
+  // takes is kept for the "Returns" line. Before the module is loaded the
+  // result is CKR_CRYPTOKI_NOT_INITIALIZED; a module that leaves the function
+  // out of its list, or offers no 3.0 list for a 3.0 function, gets
+  // CKR_FUNCTION_NOT_SUPPORTED.
   template <class Function, class... Args>
-  CK_RV Forward(Function CK_FUNCTION_LIST::*function, Args... args) noexcept {
+  CK_RV Forward(Function CK_FUNCTION_LIST_3_0::*function, Args... args) noexcept {
     FlushLines();
-    CK_FUNCTION_LIST* real = nullptr;
+    const CSpyModule* module = nullptr;
     try {
-      real = CSpyModule::Get().GetFunctions();
+      module = &CSpyModule::Get();
     } catch (...) {
       return CKR_GENERAL_ERROR;
     }
-    if (real == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    Function target = real->*function;
+    if (module->GetFunctions() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
+    // The 2.x functions go to the list of the module's C_GetFunctionList, the
+    // 3.0 ones to its 3.0 interface.
+    Function target = nullptr;
+    const std::size_t offset = OffsetOf(function);
+    if (offset < sizeof(CK_FUNCTION_LIST)) {
+      target = *reinterpret_cast<const Function*>(
+          reinterpret_cast<const char*>(module->GetFunctions()) + offset);
+    } else if (module->GetFunctions30() != nullptr) {
+      target = module->GetFunctions30()->*function;
+    }
     if (target == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
-    return target(args...);
+    return Call(target, args...);
   }
 
-  // Adds the line naming the return value and hands the value back; the
-  // line is written with the outputs before "Leaving".
-  CK_RV Return(CK_RV rv) noexcept {
-    Line("Returns %s", GetCkErrorString(rv));
+  // Calls `target` of the real module with `args`, after writing the
+  // collected input lines, and keeps the time it takes.
+  template <class Function, class... Args>
+  CK_RV Call(Function target, Args... args) noexcept {
+    FlushLines();
+    const auto start = std::chrono::steady_clock::now();
+    const CK_RV rv = target(args...);
+    micros_ = std::chrono::duration_cast<std::chrono::microseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count();
     return rv;
   }
 
+  // Adds the line naming the return value, with the module's time when the
+  // call reached it, and hands the value back; the line is written with the
+  // outputs before "Leaving".
+  CK_RV Return(CK_RV rv) noexcept;
+
  private:
+  // Where `function` lies in a function list, in bytes from its start.
+  template <class Function>
+  static std::size_t OffsetOf(Function CK_FUNCTION_LIST_3_0::*function) noexcept {
+    static constexpr CK_FUNCTION_LIST_3_0 kList{};
+    return static_cast<std::size_t>(reinterpret_cast<const char*>(&(kList.*function)) -
+                                    reinterpret_cast<const char*>(&kList));
+  }
+
   // Appends `text` as one more line of the collected format.
   void AppendLine(std::string_view text);
 
@@ -83,6 +114,8 @@ class CSpyCall {
   // The collected lines as a TraceString format: each ended by "\n", every
   // '%' doubled so that it prints as itself.
   std::string lines_;
+  // The module's time in microseconds; negative until Forward reached it.
+  long long micros_ = -1;
 };
 
 }  // namespace zelph

@@ -2,13 +2,31 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <vector>
 
 #include "common/base/CScopedLock.h"
 #include "common/config/ConfigFile.h"
 #include "zelph/trace.h"
 
 namespace zelph {
+namespace {
+
+// The name of the standard interfaces. The spy's interfaces point at this
+// constant; callers only read interface names.
+CK_CHAR* StandardInterfaceName() noexcept {
+  static constexpr char kName[] = "PKCS 11";
+  return const_cast<CK_CHAR*>(reinterpret_cast<const CK_CHAR*>(kName));
+}
+
+bool IsStandard(const CK_INTERFACE& interface) noexcept {
+  return interface.pInterfaceName != nullptr && interface.pFunctionList != nullptr &&
+         std::strcmp(reinterpret_cast<const char*>(interface.pInterfaceName), "PKCS 11") == 0;
+}
+
+}  // namespace
 
 CSpyModule::CSpyModule() = default;
 
@@ -33,7 +51,7 @@ std::string CSpyModule::FindModulePath() {
   return section->GetValue("Module").c_str();
 }
 
-bool CSpyModule::Load(const CK_FUNCTION_LIST* own, std::string& error) {
+bool CSpyModule::Load(const COwnLists& own, std::string& error) {
   CScopedLock lock(mutex_);
   if (GetFunctions() != nullptr) return true;
 
@@ -65,14 +83,84 @@ bool CSpyModule::Load(const CK_FUNCTION_LIST* own, std::string& error) {
     error = "C_GetFunctionList of " + path + " failed with " + GetCkErrorString(rv);
     return false;
   }
-  if (functions == own || functions->C_Initialize == own->C_Initialize) {
+  // Checked before the module's interfaces are asked for: the spy's own
+  // C_GetInterfaceList would come back here.
+  if (functions == own.v2 || functions->C_Initialize == own.v2->C_Initialize) {
     error = "the PKCS#11 module " + path +
             " leads back to the spy itself; name the real module instead";
     return false;
   }
+  MakeInterfaces(library.get(), own);
   library_ = std::move(library);
   functions_.store(functions, std::memory_order_release);
   return true;
+}
+
+void CSpyModule::MakeInterfaces(void* library, const COwnLists& own) {
+  interfaceCount_ = 0;
+  functions30_ = nullptr;
+  getInterface_ = reinterpret_cast<CK_C_GetInterface>(dlsym(library, "C_GetInterface"));
+  auto getList = reinterpret_cast<CK_C_GetInterfaceList>(dlsym(library, "C_GetInterfaceList"));
+  // The module's list is read from a copy: its memory may be read-only, and
+  // the spy never writes into what the module returns.
+  std::vector<CK_INTERFACE> real;
+  CK_ULONG count = 0;
+  if (getList != nullptr && getList(nullptr, &count) == CKR_OK && count > 0 && count <= 64) {
+    real.resize(count);
+    if (getList(real.data(), &count) != CKR_OK) count = 0;
+    real.resize(std::min<std::size_t>(count, real.size()));
+  }
+  for (const CK_INTERFACE& interface : real) {
+    if (!IsStandard(interface) || interfaceCount_ == kMaxInterfaces) continue;
+    CK_VERSION version;
+    std::memcpy(&version, interface.pFunctionList, sizeof version);
+    const bool v3 = version.major == 3 && version.minor == 0;
+    if (version.major != 2 && !v3) continue;  // a list the spy cannot stand in for
+    if (v3 && functions30_ == nullptr) {
+      functions30_ = static_cast<const CK_FUNCTION_LIST_3_0*>(interface.pFunctionList);
+    }
+    CK_FUNCTION_LIST_3_0& list = ownLists_[interfaceCount_];
+    list = *own.v3;
+    list.version = version;
+    realLists_[interfaceCount_] = interface.pFunctionList;
+    interfaces_[interfaceCount_++] = {StandardInterfaceName(), &list, interface.flags};
+  }
+  if (interfaceCount_ == 0) {
+    // A 2.x module: the spy offers what its C_GetFunctionList gives.
+    getInterface_ = nullptr;
+    realLists_[0] = nullptr;
+    interfaces_[0] = {StandardInterfaceName(), const_cast<CK_FUNCTION_LIST*>(own.v2), 0};
+    interfaceCount_ = 1;
+  }
+}
+
+std::span<CK_INTERFACE> CSpyModule::GetInterfaces() noexcept {
+  if (GetFunctions() == nullptr) return {};
+  return std::span(interfaces_.data(), interfaceCount_);
+}
+
+CK_INTERFACE* CSpyModule::FindOwnInterface(const CK_INTERFACE* interface) noexcept {
+  if (interface == nullptr || !IsStandard(*interface)) return nullptr;
+  for (std::size_t i = 0; i < GetInterfaces().size(); ++i) {
+    if (realLists_[i] == interface->pFunctionList) return &interfaces_[i];
+  }
+  return nullptr;
+}
+
+CK_INTERFACE* CSpyModule::MatchInterface(const CK_UTF8CHAR* name, const CK_VERSION* version,
+                                         CK_FLAGS flags) noexcept {
+  for (CK_INTERFACE& interface : GetInterfaces()) {
+    CK_VERSION offered;
+    std::memcpy(&offered, interface.pFunctionList, sizeof offered);
+    if (name != nullptr && std::strcmp(reinterpret_cast<const char*>(name),
+                                       reinterpret_cast<const char*>(interface.pInterfaceName)))
+      continue;
+    if (version != nullptr &&
+        (version->major != offered.major || version->minor != offered.minor))
+      continue;
+    if ((interface.flags & flags) == flags) return &interface;
+  }
+  return nullptr;
 }
 
 }  // namespace zelph

@@ -1,6 +1,7 @@
 #include "spy/SpyTrace.h"
 
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <string>
 
@@ -8,24 +9,6 @@
 
 namespace zelph {
 namespace {
-
-// The name of a session state, for the session information.
-const char* SessionStateName(CK_STATE state) noexcept {
-  switch (state) {
-    case CKS_RO_PUBLIC_SESSION:
-      return "CKS_RO_PUBLIC_SESSION";
-    case CKS_RO_USER_FUNCTIONS:
-      return "CKS_RO_USER_FUNCTIONS";
-    case CKS_RW_PUBLIC_SESSION:
-      return "CKS_RW_PUBLIC_SESSION";
-    case CKS_RW_USER_FUNCTIONS:
-      return "CKS_RW_USER_FUNCTIONS";
-    case CKS_RW_SO_FUNCTIONS:
-      return "CKS_RW_SO_FUNCTIONS";
-    default:
-      return "unknown";
-  }
-}
 
 // The character fields of the information structures are blank-padded and
 // not terminated; they are printed with a precision of their size.
@@ -38,6 +21,84 @@ const char* Plural(CK_ULONG count) noexcept {
   return count == 1 ? "" : "s";
 }
 
+// "0x<value> (<names>)", or "0x<value>" when no bit is set.
+std::string FlagText(CFlagKind kind, CK_FLAGS value) {
+  char hex[24];
+  std::snprintf(hex, sizeof hex, "0x%08lX", value);
+  std::string text = hex;
+  if (value == 0) return text;
+  text += " (";
+  AppendFlagNames(text, kind, value);
+  return text += ')';
+}
+
+// A count of the token information: a number, or the standard's word for
+// what the token does not tell.
+std::string Count(CK_ULONG value) {
+  if (value == CK_UNAVAILABLE_INFORMATION) return "CK_UNAVAILABLE_INFORMATION";
+  return std::to_string(value);
+}
+
+// The trace library names this attribute type in its template dump.
+bool LibraryKnows(CK_ATTRIBUTE_TYPE type) noexcept {
+  return std::strcmp(GetCkAttributeTypeString(type), "Unknown") != 0;
+}
+
+// An attribute the trace library does not know, in the shape of its dump's
+// lines: name, length, and the value as it shows an unknown type's.
+void WriteUnknownAttribute(const CK_ATTRIBUTE& attribute, bool omitValues) {
+  std::string value;
+  if (attribute.pValue == nullptr) {
+    value = "(data NULL)";
+  } else if (omitValues) {
+    value = "(data present)";
+  } else if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
+    value = "(unavailable)";
+  } else if (attribute.ulValueLen == 0) {
+    value = "(empty)";
+  } else {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    const auto* bytes = static_cast<const unsigned char*>(attribute.pValue);
+    for (CK_ULONG i = 0; i < attribute.ulValueLen; ++i) {
+      value += kDigits[bytes[i] >> 4];
+      value += kDigits[bytes[i] & 0xF];
+    }
+  }
+  CNameBuffer buffer;
+  TraceString("\t%s\tLen=%d\t%s", NameOf(CNameKind::kAttribute, attribute.type, buffer),
+              static_cast<int>(static_cast<unsigned>(attribute.ulValueLen)), value.c_str());
+}
+
+// Writes a template through the trace library's dump, a chunk of known types
+// at a time, and the types it does not know on lines of their own. After the
+// module answered, an attribute it could not give (length
+// CK_UNAVAILABLE_INFORMATION) is shown without the buffer it did not write.
+void WriteTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, bool omitValues,
+                   bool answered) noexcept {
+  CK_ATTRIBUTE chunk[16];
+  CK_ULONG size = 0;
+  const auto flush = [&] {
+    if (size > 0) TraceTemplate(chunk, size, omitValues ? CK_TRUE : CK_FALSE);
+    size = 0;
+  };
+  for (CK_ULONG i = 0; i < count; ++i) {
+    CK_ATTRIBUTE attribute = attributes[i];
+    if (answered && attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) attribute.pValue = nullptr;
+    if (LibraryKnows(attribute.type)) {
+      chunk[size++] = attribute;
+      if (size == std::size(chunk)) flush();
+      continue;
+    }
+    flush();
+    try {
+      WriteUnknownAttribute(attribute, omitValues);
+    } catch (...) {
+      TraceString("\t(attribute 0x%08lX not shown: out of memory)", attribute.type);
+    }
+  }
+  flush();
+}
+
 }  // namespace
 
 void TraceNumber(CSpyCall& call, const char* name, CK_ULONG value) noexcept {
@@ -48,8 +109,33 @@ void TraceFlags(CSpyCall& call, const char* name, CK_FLAGS value) noexcept {
   call.Line("%s = 0x%08lX", name, value);
 }
 
+void TraceNamedFlags(CSpyCall& call, const char* name, CFlagKind kind, CK_FLAGS value) noexcept {
+  try {
+    call.Line("%s = %s", name, FlagText(kind, value).c_str());
+  } catch (...) {
+    TraceFlags(call, name, value);
+  }
+}
+
 void TraceUserType(CSpyCall& call, const char* name, CK_USER_TYPE userType) noexcept {
-  call.Line("%s = %s", name, GetCkUserTypeString(userType));
+  CNameBuffer buffer;
+  call.Line("%s = %s", name, NameOf(CNameKind::kUserType, userType, buffer));
+}
+
+void TraceText(CSpyCall& call, const char* name, const CK_UTF8CHAR* text,
+               CK_ULONG length) noexcept {
+  if (text == nullptr) {
+    call.Line("%s = NULL", name);
+    return;
+  }
+  call.FlushLines();
+  // The precision bounds what is read; longer texts are cut, not overrun.
+  const int shown = length > 256 ? 256 : static_cast<int>(length);
+  TraceString("%s = \"%.*s\"", name, shown, reinterpret_cast<const char*>(text));
+}
+
+void TraceLabel(CSpyCall& call, const char* name, const CK_UTF8CHAR* label) noexcept {
+  TraceText(call, name, label, 32);
 }
 
 void TracePin(CSpyCall& call, const char* name, const CK_UTF8CHAR* pin, CK_ULONG length) noexcept {
@@ -107,23 +193,15 @@ void TraceHandleList(CSpyCall& call, const char* name, const CK_ULONG* list,
 
 void TraceMechanismList(CSpyCall& call, const CK_MECHANISM_TYPE* list, CK_ULONG count) noexcept {
   if (list == nullptr) return;
+  CNameBuffer buffer;
   for (CK_ULONG i = 0; i < count; ++i) {
-    call.Line("pMechanismList[%lu] = %s", i, GetCkMechanismTypeString(list[i]));
+    call.Line("pMechanismList[%lu] = %s", i, NameOf(CNameKind::kMechanism, list[i], buffer));
   }
 }
 
 void TraceMechanismType(CSpyCall& call, const char* name, CK_MECHANISM_TYPE type) noexcept {
-  call.Line("%s = %s", name, GetCkMechanismTypeString(type));
-}
-
-void TraceMechanismArgument(CSpyCall& call, const CK_MECHANISM* mechanism) noexcept {
-  if (mechanism == nullptr) {
-    call.Line("pMechanism = NULL");
-    return;
-  }
-  call.Line("pMechanism:");
-  call.FlushLines();
-  TraceMechanism(mechanism);
+  CNameBuffer buffer;
+  call.Line("%s = %s", name, NameOf(CNameKind::kMechanism, type, buffer));
 }
 
 void TraceInputTemplate(CSpyCall& call, const char* name, const CK_ATTRIBUTE* attributes,
@@ -134,7 +212,7 @@ void TraceInputTemplate(CSpyCall& call, const char* name, const CK_ATTRIBUTE* at
   }
   call.Line("%s: %lu attribute%s", name, count, Plural(count));
   call.FlushLines();
-  TraceTemplate(attributes, count, CK_FALSE);
+  WriteTemplate(attributes, count, false, false);
 }
 
 void TraceQueryTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept {
@@ -144,7 +222,7 @@ void TraceQueryTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG
   }
   call.Line("pTemplate: %lu attribute%s asked for", count, Plural(count));
   call.FlushLines();
-  TraceTemplate(attributes, count, CK_TRUE);
+  WriteTemplate(attributes, count, true, false);
 }
 
 void TraceAnswerTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count,
@@ -155,19 +233,7 @@ void TraceAnswerTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULON
   if (attributes == nullptr || !filled) return;
   call.Line("pTemplate: %lu attribute%s answered", count, Plural(count));
   call.FlushLines();
-  // The template is dumped from a copy, a chunk at a time: the dump writes one
-  // line per attribute whatever the chunks, and the copy needs no memory of
-  // its own.
-  CK_ATTRIBUTE chunk[16];
-  for (CK_ULONG done = 0; done < count;) {
-    CK_ULONG size = 0;
-    for (; size < std::size(chunk) && done < count; ++size, ++done) {
-      chunk[size] = attributes[done];
-      // The buffer was not written, and the length is no length at all.
-      if (chunk[size].ulValueLen == CK_UNAVAILABLE_INFORMATION) chunk[size].pValue = nullptr;
-    }
-    TraceTemplate(chunk, size, CK_FALSE);
-  }
+  WriteTemplate(attributes, count, false, true);
 }
 
 void TraceInitArgs(CSpyCall& call, const void* initArgs) noexcept {
@@ -178,8 +244,13 @@ void TraceInitArgs(CSpyCall& call, const void* initArgs) noexcept {
   const auto& args = *static_cast<const CK_C_INITIALIZE_ARGS*>(initArgs);
   const bool ownMutexes = args.CreateMutex != nullptr || args.DestroyMutex != nullptr ||
                           args.LockMutex != nullptr || args.UnlockMutex != nullptr;
-  call.Line("pInitArgs: flags = 0x%08lX, mutex functions %s, pReserved %s", args.flags,
-            ownMutexes ? "given" : "none", args.pReserved == nullptr ? "NULL" : "set");
+  try {
+    call.Line("pInitArgs: flags = %s, mutex functions %s, pReserved %s",
+              FlagText(CFlagKind::kInitialize, args.flags).c_str(), ownMutexes ? "given" : "none",
+              args.pReserved == nullptr ? "NULL" : "set");
+  } catch (...) {
+    call.Line("pInitArgs: flags = 0x%08lX", args.flags);
+  }
 }
 
 // The module's texts are arguments of a format of the spy's own, so that they
@@ -200,19 +271,79 @@ void TraceSlotInfo(CSpyCall& call, const CK_SLOT_INFO& info) noexcept {
   call.FlushLines();
   TraceString(
       "slotDescription = \"%.64s\"\n"
+      "manufacturerID = \"%.32s\"",
+      Text(info.slotDescription), Text(info.manufacturerID));
+  TraceNamedFlags(call, "flags", CFlagKind::kSlot, info.flags);
+  call.Line("hardwareVersion = %d.%d", info.hardwareVersion.major, info.hardwareVersion.minor);
+  call.Line("firmwareVersion = %d.%d", info.firmwareVersion.major, info.firmwareVersion.minor);
+}
+
+void TraceTokenInfo(CSpyCall& call, const CK_TOKEN_INFO& info) noexcept {
+  call.FlushLines();
+  TraceString(
+      "label = \"%.32s\"\n"
       "manufacturerID = \"%.32s\"\n"
-      "flags = 0x%08lX\n"
-      "hardwareVersion = %d.%d\n"
-      "firmwareVersion = %d.%d",
-      Text(info.slotDescription), Text(info.manufacturerID), info.flags, info.hardwareVersion.major,
-      info.hardwareVersion.minor, info.firmwareVersion.major, info.firmwareVersion.minor);
+      "model = \"%.16s\"\n"
+      "serialNumber = \"%.16s\"",
+      Text(info.label), Text(info.manufacturerID), Text(info.model), Text(info.serialNumber));
+  TraceNamedFlags(call, "flags", CFlagKind::kToken, info.flags);
+  try {
+    call.Line("ulMaxSessionCount = %s, ulSessionCount = %s",
+              Count(info.ulMaxSessionCount).c_str(), Count(info.ulSessionCount).c_str());
+    call.Line("ulMaxRwSessionCount = %s, ulRwSessionCount = %s",
+              Count(info.ulMaxRwSessionCount).c_str(), Count(info.ulRwSessionCount).c_str());
+    call.Line("ulMaxPinLen = %lu, ulMinPinLen = %lu", info.ulMaxPinLen, info.ulMinPinLen);
+    call.Line("ulTotalPublicMemory = %s, ulFreePublicMemory = %s",
+              Count(info.ulTotalPublicMemory).c_str(), Count(info.ulFreePublicMemory).c_str());
+    call.Line("ulTotalPrivateMemory = %s, ulFreePrivateMemory = %s",
+              Count(info.ulTotalPrivateMemory).c_str(), Count(info.ulFreePrivateMemory).c_str());
+  } catch (...) {
+    // Out of memory: the counts are left out.
+  }
+  call.Line("hardwareVersion = %d.%d", info.hardwareVersion.major, info.hardwareVersion.minor);
+  call.Line("firmwareVersion = %d.%d", info.firmwareVersion.major, info.firmwareVersion.minor);
+  call.FlushLines();
+  TraceString("utcTime = \"%.16s\"", Text(info.utcTime));
+}
+
+void TraceMechanismInfo(CSpyCall& call, const CK_MECHANISM_INFO& info) noexcept {
+  call.Line("ulMinKeySize = %lu, ulMaxKeySize = %lu", info.ulMinKeySize, info.ulMaxKeySize);
+  TraceNamedFlags(call, "flags", CFlagKind::kMechanism, info.flags);
 }
 
 void TraceSessionInfo(CSpyCall& call, const CK_SESSION_INFO& info) noexcept {
+  CNameBuffer buffer;
   call.Line("slotID = %lu", info.slotID);
-  call.Line("state = %s", SessionStateName(info.state));
-  call.Line("flags = 0x%08lX", info.flags);
+  call.Line("state = %s", NameOf(CNameKind::kSessionState, info.state, buffer));
+  TraceNamedFlags(call, "flags", CFlagKind::kSession, info.flags);
   call.Line("ulDeviceError = %lu", info.ulDeviceError);
+}
+
+void TraceInterfaceRequest(CSpyCall& call, const CK_UTF8CHAR* name, const CK_VERSION* version,
+                           CK_FLAGS flags) noexcept {
+  // A name is the caller's C string; the bound keeps a missing end in check.
+  TraceText(call, "pInterfaceName", name, name == nullptr ? 0 : strnlen(Text(name), 256));
+  if (version == nullptr) {
+    call.Line("pVersion = NULL");
+  } else {
+    call.Line("pVersion = %d.%d", version->major, version->minor);
+  }
+  TraceFlags(call, "flags", flags);
+}
+
+void TraceInterface(CSpyCall& call, const char* name, const CK_INTERFACE& interface) noexcept {
+  CK_VERSION version;
+  std::memcpy(&version, interface.pFunctionList, sizeof version);
+  call.Line("%s = \"%s\" %d.%d, flags = 0x%08lX", name, Text(interface.pInterfaceName),
+            version.major, version.minor, interface.flags);
+}
+
+void TraceInterfaceList(CSpyCall& call, std::span<const CK_INTERFACE> interfaces) noexcept {
+  for (std::size_t i = 0; i < interfaces.size(); ++i) {
+    char name[48];
+    std::snprintf(name, sizeof name, "pInterfacesList[%zu]", i);
+    TraceInterface(call, name, interfaces[i]);
+  }
 }
 
 }  // namespace zelph

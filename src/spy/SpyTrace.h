@@ -11,7 +11,11 @@
 
 #include <p11-kit/pkcs11.h>
 
+#include <span>
+
+#include "names/Pkcs11Names.h"
 #include "spy/CSpyCall.h"
+#include "spy/Pkcs11Interfaces.h"
 
 namespace zelph {
 
@@ -32,8 +36,18 @@ void TraceNumber(CSpyCall& call, const char* name, CK_ULONG value) noexcept;
 // "<name> = 0x<value>": flag words, in eight or more hexadecimal digits.
 void TraceFlags(CSpyCall& call, const char* name, CK_FLAGS value) noexcept;
 
+// "<name> = 0x<value> (<flag> | <flag>)": a flag word of `kind`, bit by bit.
+void TraceNamedFlags(CSpyCall& call, const char* name, CFlagKind kind, CK_FLAGS value) noexcept;
+
 // "<name> = <user type name>".
 void TraceUserType(CSpyCall& call, const char* name, CK_USER_TYPE userType) noexcept;
+
+// A text of the application, at most `length` bytes of it: "NULL" or the
+// text in quotes, written as an argument so that it reaches the log as given.
+void TraceText(CSpyCall& call, const char* name, const CK_UTF8CHAR* text, CK_ULONG length) noexcept;
+
+// A token label of the application: 32 blank-padded characters.
+void TraceLabel(CSpyCall& call, const char* name, const CK_UTF8CHAR* label) noexcept;
 
 // A PIN: "NULL" or its length, never its characters.
 void TracePin(CSpyCall& call, const char* name, const CK_UTF8CHAR* pin, CK_ULONG length) noexcept;
@@ -66,11 +80,10 @@ void TraceMechanismList(CSpyCall& call, const CK_MECHANISM_TYPE* list, CK_ULONG 
 // "<name> = <mechanism name>".
 void TraceMechanismType(CSpyCall& call, const char* name, CK_MECHANISM_TYPE type) noexcept;
 
-// A mechanism argument through the mechanism dump, or "NULL".
-void TraceMechanismArgument(CSpyCall& call, const CK_MECHANISM* mechanism) noexcept;
-
 // A template the caller passes in, with its values (secret ones withheld by
-// the dump).
+// the dump). The trace library's template dump writes the attributes it
+// knows; the others get a line of the same shape with their standard name
+// and their value in hexadecimal, as the dump shows unknown types.
 void TraceInputTemplate(CSpyCall& call, const char* name, const CK_ATTRIBUTE* attributes,
                         CK_ULONG count) noexcept;
 
@@ -95,7 +108,24 @@ void TraceInfo(CSpyCall& call, const CK_INFO& info) noexcept;
 // The slot information of C_GetSlotInfo.
 void TraceSlotInfo(CSpyCall& call, const CK_SLOT_INFO& info) noexcept;
 
+// The token information of C_GetTokenInfo.
+void TraceTokenInfo(CSpyCall& call, const CK_TOKEN_INFO& info) noexcept;
+
+// The mechanism information of C_GetMechanismInfo.
+void TraceMechanismInfo(CSpyCall& call, const CK_MECHANISM_INFO& info) noexcept;
+
 // The session information of C_GetSessionInfo.
 void TraceSessionInfo(CSpyCall& call, const CK_SESSION_INFO& info) noexcept;
+
+// What C_GetInterface asks for: a name, a version, flags, each possibly NULL.
+void TraceInterfaceRequest(CSpyCall& call, const CK_UTF8CHAR* name, const CK_VERSION* version,
+                           CK_FLAGS flags) noexcept;
+
+// An interface the spy hands out: "<name> = "<interface name>" <version>,
+// flags = 0x<flags>". The interface and its names are the spy's own.
+void TraceInterface(CSpyCall& call, const char* name, const CK_INTERFACE& interface) noexcept;
+
+// The interfaces of C_GetInterfaceList, one per line.
+void TraceInterfaceList(CSpyCall& call, std::span<const CK_INTERFACE> interfaces) noexcept;
 
 }  // namespace zelph

@@ -8,8 +8,10 @@
 #include <cstring>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 
+#include "names/Pkcs11Names.h"
 #include "trace/UserMessage.h"
 #include "zelph/trace.h"
 
@@ -18,38 +20,58 @@ namespace {
 
 // How the numbers of a kind are named.
 enum class CNameStyle {
-  kPlain,        // one name
-  kReturnValue,  // one name, then the sentence for an end user
-  kFlags,        // the name of every set bit of the low 32
+  kStandard,     // the standard name, else the middleware's, else a number
+  kReturnValue,  // the same, then the sentence for an end user
+  kFlags,        // the names of the set bits
+  kTrace,        // the trace library's name: the middleware's own kinds
 };
 
-struct CNameKind {
+struct CToolKind {
   const char* kind;
   const char* description;
-  const char* (*name)(CK_ULONG);
   CNameStyle style;
+  CNameKind names = CNameKind::kReturnValue;     // kStandard, kReturnValue
+  CFlagKind flags = CFlagKind::kSlot;            // kFlags
+  const char* (*traceName)(CK_ULONG) = nullptr;  // kTrace
 };
 
 const char* NameScardStatus(CK_ULONG status) noexcept {
   return GetWin32ErrorString(status);
 }
 
-constexpr CNameKind kKinds[] = {
-    {"rv", "return value (CKR_, CXR_) and what an end user is told", GetCkErrorString,
-     CNameStyle::kReturnValue},
-    {"user", "user type (CKU_)", GetCkUserTypeString, CNameStyle::kPlain},
-    {"attr", "attribute type (CKA_, CXA_)", GetCkAttributeTypeString, CNameStyle::kPlain},
-    {"class", "object class (CKO_, CXO_)", GetCkObjectClassString, CNameStyle::kPlain},
-    {"key", "key type (CKK_)", GetCkKeyTypeString, CNameStyle::kPlain},
-    {"cert", "certificate type (CKC_)", GetCkCertificateTypeString, CNameStyle::kPlain},
-    {"mech", "mechanism type (CKM_)", GetCkMechanismTypeString, CNameStyle::kPlain},
-    {"keyspec", "container key spec (CXKEYSPEC_)", GetCxKeySpecString, CNameStyle::kPlain},
-    {"mechflags", "mechanism information flags (CKF_), each set bit", GetCkMechanismInfoFlagString,
-     CNameStyle::kFlags},
-    {"tokenflags", "token information flags (CKF_), each set bit", GetCkTokenInfoFlagString,
-     CNameStyle::kFlags},
-    {"container", "card container kind (CXC_)", GetQXCardContainer, CNameStyle::kPlain},
-    {"scard", "PC/SC status code (SCARD_)", NameScardStatus, CNameStyle::kPlain},
+constexpr CToolKind Standard(const char* kind, const char* description, CNameKind names) {
+  return {kind, description, CNameStyle::kStandard, names};
+}
+constexpr CToolKind Flags(const char* kind, const char* description, CFlagKind flags) {
+  return {kind, description, CNameStyle::kFlags, {}, flags};
+}
+constexpr CToolKind Trace(const char* kind, const char* description,
+                          const char* (*traceName)(CK_ULONG)) {
+  return {kind, description, CNameStyle::kTrace, {}, {}, traceName};
+}
+
+constexpr CToolKind kKinds[] = {
+    {"rv", "return value (CKR_, CXR_) and what an end user is told", CNameStyle::kReturnValue,
+     CNameKind::kReturnValue},
+    Standard("user", "user type (CKU_)", CNameKind::kUserType),
+    Standard("attr", "attribute type (CKA_, CXA_)", CNameKind::kAttribute),
+    Standard("class", "object class (CKO_, CXO_)", CNameKind::kObjectClass),
+    Standard("key", "key type (CKK_)", CNameKind::kKeyType),
+    Standard("cert", "certificate type (CKC_)", CNameKind::kCertificateType),
+    Standard("mech", "mechanism type (CKM_)", CNameKind::kMechanism),
+    Standard("state", "session state (CKS_)", CNameKind::kSessionState),
+    Standard("mgf", "mask generation function of RSA PSS and OAEP (CKG_MGF1_)", CNameKind::kMgf),
+    Standard("kdf", "key derivation function (CKD_)", CNameKind::kKdf),
+    Standard("source", "source of the OAEP encoding parameter (CKZ_)", CNameKind::kOaepSource),
+    Standard("profile", "profile (CKP_)", CNameKind::kProfile),
+    Trace("keyspec", "container key spec (CXKEYSPEC_)", GetCxKeySpecString),
+    Flags("slotflags", "slot information flags (CKF_)", CFlagKind::kSlot),
+    Flags("tokenflags", "token information flags (CKF_)", CFlagKind::kToken),
+    Flags("sessionflags", "session information flags (CKF_)", CFlagKind::kSession),
+    Flags("mechflags", "mechanism information flags (CKF_)", CFlagKind::kMechanism),
+    Flags("initflags", "C_Initialize flags (CKF_)", CFlagKind::kInitialize),
+    Trace("container", "card container kind (CXC_)", GetQXCardContainer),
+    Trace("scard", "PC/SC status code (SCARD_)", NameScardStatus),
 };
 
 void PrintUsage(std::FILE* out) {
@@ -61,16 +83,16 @@ void PrintUsage(std::FILE* out) {
                "A number is decimal, or hexadecimal after 0x.\n"
                "\n"
                "kinds:\n");
-  for (const CNameKind& kind : kKinds) {
-    std::fprintf(out, "  %-11s %s\n", kind.kind, kind.description);
+  for (const CToolKind& kind : kKinds) {
+    std::fprintf(out, "  %-12s %s\n", kind.kind, kind.description);
   }
   std::fprintf(out,
                "\n"
                "example: zelph-names rv 0xA0\n");
 }
 
-const CNameKind* FindKind(std::string_view name) noexcept {
-  for (const CNameKind& kind : kKinds) {
+const CToolKind* FindKind(std::string_view name) noexcept {
+  for (const CToolKind& kind : kKinds) {
     if (name == kind.kind) return &kind;
   }
   return nullptr;
@@ -95,27 +117,43 @@ std::optional<CK_ULONG> ParseNumber(const char* text) noexcept {
   return static_cast<CK_ULONG>(value);
 }
 
-void PrintName(const CNameKind& kind, CK_ULONG value) {
-  std::printf("0x%08lX  ", value);
+// Prints the names of a flag word from `column` on, breaking lines after a
+// " |" so that none passes column 80; further lines start at column 12.
+void PrintFlagNames(std::string_view names, int column) {
+  for (std::size_t start = 0; start < names.size();) {
+    const std::size_t bar = names.find(" | ", start);
+    const std::size_t end = bar == std::string_view::npos ? names.size() : bar + 2;
+    const int width = static_cast<int>(end - start);
+    if (start > 0 && column + 1 + width > 80) {
+      column = std::printf("\n%12s", "") - 1;
+    } else if (start > 0) {
+      column += std::printf(" ");
+    }
+    column += std::printf("%.*s", width, names.data() + start);
+    start = end + 1;
+  }
+  std::printf("\n");
+}
+
+void PrintName(const CToolKind& kind, CK_ULONG value) {
+  const int column = std::printf("0x%08lX  ", value);
+  CNameBuffer buffer;
   switch (kind.style) {
-    case CNameStyle::kPlain:
-      std::printf("%s\n", kind.name(value));
+    case CNameStyle::kStandard:
+      std::printf("%s\n", NameOf(kind.names, value, buffer));
       break;
     case CNameStyle::kReturnValue:
-      std::printf("%s\n", kind.name(value));
+      std::printf("%s\n", NameOf(kind.names, value, buffer));
       std::printf("%12s%s\n", "", GetUserErrorMessage(value).c_str());
       break;
-    case CNameStyle::kFlags:
-      // As the trace dumps list them: lowest bit first, bits above 32 ignored.
-      if ((value & 0xFFFFFFFFUL) == 0) {
-        std::printf("none\n");
-        break;
-      }
-      for (int bit = 0, named = 0; bit < 32; ++bit) {
-        const CK_ULONG flag = CK_ULONG{1} << bit;
-        if ((value & flag) != 0) std::printf(named++ == 0 ? "%s" : " %s", kind.name(flag));
-      }
-      std::printf("\n");
+    case CNameStyle::kFlags: {
+      std::string names;
+      AppendFlagNames(names, kind.flags, value);
+      PrintFlagNames(names, column);
+      break;
+    }
+    case CNameStyle::kTrace:
+      std::printf("%s\n", kind.traceName(value));
       break;
   }
 }
@@ -130,7 +168,7 @@ int Run(std::span<char*> args) {
     PrintUsage(stderr);
     return 2;
   }
-  const CNameKind* kind = FindKind(args[0]);
+  const CToolKind* kind = FindKind(args[0]);
   if (kind == nullptr) {
     std::fprintf(stderr, "zelph-names: unknown kind \"%s\"; zelph-names --help lists them\n",
                  args[0]);

@@ -113,4 +113,13 @@ void ExpectLines(const std::vector<std::string>& actual, const std::vector<std::
                 << (i < expected.size() ? Visible(expected[i]) : "<none>") << "\"";
 }
 
+void ExpectGolden(const std::vector<std::string>& actual, const std::string& path) {
+  if (const char* renewed = std::getenv("ZELPH_WRITE_GOLDEN")) {
+    std::string text;
+    for (const std::string& line : actual) text += line + "\n";
+    EXPECT_TRUE(WriteFile(renewed, text)) << renewed;
+  }
+  ExpectLines(actual, SplitLines(ReadFile(path)), path);
+}
+
 }  // namespace zelph

@@ -53,4 +53,9 @@ char MarkerOfThread(int n);
 void ExpectLines(const std::vector<std::string>& actual, const std::vector<std::string>& expected,
                  std::string_view what);
 
+// Compares `actual` with the lines of the golden file `path`, naming the first
+// that differs. With ZELPH_WRITE_GOLDEN=<file> set, writes `actual` there
+// first, in the golden file's form, to renew it.
+void ExpectGolden(const std::vector<std::string>& actual, const std::string& path);
+
 }  // namespace zelph
