@@ -95,7 +95,7 @@ MUTATE_DIR ?= build-mutate
 MUTANTS ?=
 
 mutate: deps
-	python3 tests/mutation/mutate.py --scratch $(MUTATE_DIR) --only '$(MUTANTS)' \
+	python3 scripts/mutate.py --scratch $(MUTATE_DIR) --only '$(MUTANTS)' \
 	  --json $(MUTATE_DIR)/results.json
 
 # Lines of tests against lines of code (.c, .cpp, .h, .py, .sh; seed corpora

@@ -155,8 +155,7 @@ CK_INTERFACE* CSpyModule::MatchInterface(const CK_UTF8CHAR* name, const CK_VERSI
     if (name != nullptr && std::strcmp(reinterpret_cast<const char*>(name),
                                        reinterpret_cast<const char*>(interface.pInterfaceName)))
       continue;
-    if (version != nullptr &&
-        (version->major != offered.major || version->minor != offered.minor))
+    if (version != nullptr && (version->major != offered.major || version->minor != offered.minor))
       continue;
     if ((interface.flags & flags) == flags) return &interface;
   }

@@ -6,6 +6,7 @@
 
 #include <p11-kit/pkcs11.h>
 
+// clang-format off
 // The 2.x functions in the order of CK_FUNCTION_LIST. The spy's own lists
 // name each one with a designated initializer, so the compiler checks this
 // order against the system's header.
@@ -36,6 +37,7 @@
   X(C_MessageDecryptFinal) X(C_MessageSignInit) X(C_SignMessage) X(C_SignMessageBegin)     \
   X(C_SignMessageNext) X(C_MessageSignFinal) X(C_MessageVerifyInit) X(C_VerifyMessage)     \
   X(C_VerifyMessageBegin) X(C_VerifyMessageNext) X(C_MessageVerifyFinal)
+// clang-format on
 
 #ifndef CKF_INTERFACE_FORK_SAFE
 #define CKF_INTERFACE_FORK_SAFE (0x00000001UL)
@@ -60,8 +62,8 @@ using CK_C_GetInterfaceList = CK_RV (*)(CK_INTERFACE_PTR pInterfacesList, CK_ULO
 using CK_C_GetInterface = CK_RV (*)(CK_UTF8CHAR_PTR pInterfaceName, CK_VERSION_PTR pVersion,
                                     CK_INTERFACE_PTR_PTR ppInterface, CK_FLAGS flags);
 using CK_C_LoginUser = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType,
-                                 CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen,
-                                 CK_UTF8CHAR_PTR pUsername, CK_ULONG ulUsernameLen);
+                                 CK_UTF8CHAR_PTR pPin, CK_ULONG ulPinLen, CK_UTF8CHAR_PTR pUsername,
+                                 CK_ULONG ulUsernameLen);
 using CK_C_SessionCancel = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_FLAGS flags);
 using CK_C_MessageInit = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                                    CK_OBJECT_HANDLE hKey);
@@ -69,8 +71,8 @@ using CK_C_MessageFinal = CK_RV (*)(CK_SESSION_HANDLE hSession);
 // Encrypting, decrypting and signing a whole message into an output buffer.
 using CK_C_CryptMessage = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_VOID_PTR pParameter,
                                     CK_ULONG ulParameterLen, CK_BYTE_PTR pAssociatedData,
-                                    CK_ULONG ulAssociatedDataLen, CK_BYTE_PTR pIn,
-                                    CK_ULONG ulInLen, CK_BYTE_PTR pOut, CK_ULONG_PTR pulOutLen);
+                                    CK_ULONG ulAssociatedDataLen, CK_BYTE_PTR pIn, CK_ULONG ulInLen,
+                                    CK_BYTE_PTR pOut, CK_ULONG_PTR pulOutLen);
 using CK_C_CryptMessageBegin = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_VOID_PTR pParameter,
                                          CK_ULONG ulParameterLen, CK_BYTE_PTR pAssociatedData,
                                          CK_ULONG ulAssociatedDataLen);
@@ -82,9 +84,8 @@ using CK_C_SignMessage = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_VOID_PTR pPara
                                    CK_ULONG ulParameterLen, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
                                    CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen);
 using CK_C_VerifyMessage = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_VOID_PTR pParameter,
-                                     CK_ULONG ulParameterLen, CK_BYTE_PTR pData,
-                                     CK_ULONG ulDataLen, CK_BYTE_PTR pSignature,
-                                     CK_ULONG ulSignatureLen);
+                                     CK_ULONG ulParameterLen, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
+                                     CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen);
 using CK_C_MessageBegin = CK_RV (*)(CK_SESSION_HANDLE hSession, CK_VOID_PTR pParameter,
                                     CK_ULONG ulParameterLen);
 

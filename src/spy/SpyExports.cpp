@@ -29,8 +29,7 @@ using zelph::HasOutput;
 
 // The 3.0 functions have no prototypes in the system's header: these
 // declarations give them, and hold each definition below to its type.
-#define ZELPH_DECLARE(name) \
-  extern "C" ZELPH_SPY_EXPORT std::remove_pointer_t<CK_##name> name;
+#define ZELPH_DECLARE(name) extern "C" ZELPH_SPY_EXPORT std::remove_pointer_t<CK_##name> name;
 ZELPH_PKCS11_V3_FUNCTIONS(ZELPH_DECLARE)
 #undef ZELPH_DECLARE
 
@@ -153,12 +152,11 @@ namespace {
 // functions (-Bsymbolic), whatever else in the process exports C_ names; the
 // designators hold the order of the names to the system's header.
 #define ZELPH_LIST_ENTRY(name) .name = name,
-const CK_FUNCTION_LIST kSpyFunctions = {
-    .version = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
-    ZELPH_PKCS11_V2_FUNCTIONS(ZELPH_LIST_ENTRY)};
-const CK_FUNCTION_LIST_3_0 kSpyFunctions30 = {
-    .version = {3, 0},
-    ZELPH_PKCS11_V2_FUNCTIONS(ZELPH_LIST_ENTRY) ZELPH_PKCS11_V3_FUNCTIONS(ZELPH_LIST_ENTRY)};
+const CK_FUNCTION_LIST kSpyFunctions = {.version = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
+                                        ZELPH_PKCS11_V2_FUNCTIONS(ZELPH_LIST_ENTRY)};
+const CK_FUNCTION_LIST_3_0 kSpyFunctions30 = {.version = {3, 0},
+                                              ZELPH_PKCS11_V2_FUNCTIONS(ZELPH_LIST_ENTRY)
+                                                  ZELPH_PKCS11_V3_FUNCTIONS(ZELPH_LIST_ENTRY)};
 #undef ZELPH_LIST_ENTRY
 
 // Loads the real module for `call` unless that was done; on failure says why

@@ -155,7 +155,9 @@ void TraceMechanismArgument(CSpyCall& call, const CK_MECHANISM* mechanism) noexc
     call.Line("pMechanism = %s, pParameter = NULL, ulParameterLen = %lu", name, length);
     return;
   }
-  if (length == 0 && expected == nullptr) {
+  // No parameter at all, as the message functions' mechanisms come: they get
+  // theirs with each message.
+  if (length == 0 && (expected == nullptr || parameter == nullptr)) {
     call.Line("pMechanism = %s", name);
     return;
   }

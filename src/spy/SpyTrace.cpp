@@ -288,8 +288,8 @@ void TraceTokenInfo(CSpyCall& call, const CK_TOKEN_INFO& info) noexcept {
       Text(info.label), Text(info.manufacturerID), Text(info.model), Text(info.serialNumber));
   TraceNamedFlags(call, "flags", CFlagKind::kToken, info.flags);
   try {
-    call.Line("ulMaxSessionCount = %s, ulSessionCount = %s",
-              Count(info.ulMaxSessionCount).c_str(), Count(info.ulSessionCount).c_str());
+    call.Line("ulMaxSessionCount = %s, ulSessionCount = %s", Count(info.ulMaxSessionCount).c_str(),
+              Count(info.ulSessionCount).c_str());
     call.Line("ulMaxRwSessionCount = %s, ulRwSessionCount = %s",
               Count(info.ulMaxRwSessionCount).c_str(), Count(info.ulRwSessionCount).c_str());
     call.Line("ulMaxPinLen = %lu, ulMinPinLen = %lu", info.ulMaxPinLen, info.ulMinPinLen);

@@ -12,8 +12,8 @@ __attribute__((visibility("default"))) CK_FUNCTION_LIST_3_0 zelph_fake_functions
 }
 
 namespace {
-const CK_INTERFACE kInterface = {
-    const_cast<CK_CHAR*>(reinterpret_cast<const CK_CHAR*>("PKCS 11")), &zelph_fake_functions, 0};
+const CK_INTERFACE kInterface = {const_cast<CK_CHAR*>(reinterpret_cast<const CK_CHAR*>("PKCS 11")),
+                                 &zelph_fake_functions, 0};
 }  // namespace
 
 FAKE_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {

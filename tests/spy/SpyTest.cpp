@@ -6,14 +6,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
+#include <memory>
 #include <regex>
 
 #include "CChildProcess.h"
-#include "spy/Pkcs11Interfaces.h"
 #include "TestFiles.h"
 #include "TestSkips.h"
 #include "TraceLog.h"
+#include "spy/Pkcs11Interfaces.h"
 #include "zelph/trace.h"
 
 namespace zelph {
@@ -81,15 +83,30 @@ template <class T>
 T output;
 CK_BYTE data[] = "abcd", buffer[64];
 CK_ULONG out[2], list[4];
-CK_UTF8CHAR pin[] = "1234", newPin[] = "56789", user[] = "alice%s", tokenLabel[] = "zelph 100% %s \xC3\xBC          ";
+CK_UTF8CHAR pin[] = "1234", newPin[] = "56789", user[] = "alice%s",
+            tokenLabel[] = "zelph 100% %s \xC3\xBC          ";
 CK_BBOOL yes = CK_TRUE;
 // The library's dump knows the first two; the third gets its standard name.
 CK_ATTRIBUTE attributes[] = {{CKA_LABEL, data, 2},
                              {CKA_VALUE, buffer, CK_UNAVAILABLE_INFORMATION},
                              {CKA_ALWAYS_AUTHENTICATE, &yes, 1}};
 CK_MECHANISM mechanism = {CKM_SHA256_RSA_PKCS, nullptr, 0};
-CK_VERSION version30 = {3, 0}, version240 = {2, 40};
-CK_UTF8CHAR name[] = "PKCS 11";
+CK_VERSION version30 = {3, 0};
+// A mechanism whose parameter lies at an odd address in a block of its own
+// size, so that it must be read unaligned and never past ulParameterLen.
+CK_MECHANISM* Mech(CK_MECHANISM_TYPE type, const std::vector<CK_BYTE>& parameter,
+                   bool null = false) {
+  static std::unique_ptr<CK_BYTE[]> block;
+  static CK_MECHANISM given;
+  block = std::make_unique<CK_BYTE[]>(parameter.size() + 1);
+  std::copy(parameter.begin(), parameter.end(), block.get() + 1);
+  return &(given = {type, null ? nullptr : block.get() + 1, parameter.size()});
+}
+template <class T>
+std::vector<CK_BYTE> Of(const T& value) {
+  return {reinterpret_cast<const CK_BYTE*>(&value), reinterpret_cast<const CK_BYTE*>(&value + 1)};
+}
+CK_BYTE d[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
 CK_C_INITIALIZE_ARGS initArgs = {nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr};
 const std::string k32 = '"' + std::string(32, '%') + "\"|", k64 = '"' + std::string(64, '%') + '"';
 
@@ -112,6 +129,9 @@ const std::string k32 = '"' + std::string(32, '%') + "\"|", k64 = '"' + std::str
 #define SESSION(f, rv) ROW(f, rv, (5), H)
 #define UPDATE(f, rv) ROW(f, rv, (5, data, 4), H "pPart: 4 bytes|")
 #define KEY_INIT(f, rv) ROW(f, rv, (5, &mechanism, 9), H MECH "hKey = 9|")
+// A mechanism's parameter, by name where the spy knows its structure.
+#define PARAMETER(mechanism, text) \
+    ROW(C_EncryptInit, CKR_OK, (5, mechanism, 9), H "pMechanism = " + std::string(text) + "|hKey = 9|")
 #define FINAL(f, rv, o, n) ROW(f, rv, (5, buffer, out), H o ": room for 64 bytes|" n " = 1|")
 #define TRANSFORM(f, rv, i, o, n) \
     ROW(f, rv, (5, data, 4, buffer, out), H i ": 4 bytes|" o ": room for 64 bytes|" n " = 1|")
@@ -243,16 +263,34 @@ const std::vector<CRow> kRows = {
     ROW(C_SignMessageBegin, CKR_OK, (5, data, 4), P), ROW(C_VerifyMessageBegin, CKR_OK, (5, data, 4), P),
     SESSION(C_MessageEncryptFinal, CKR_OK), SESSION(C_MessageDecryptFinal, CKR_OK),
     SESSION(C_MessageSignFinal, CKR_OK), SESSION(C_MessageVerifyFinal, CKR_OPERATION_NOT_INITIALIZED),
+    PARAMETER(nullptr, "NULL"),
+    PARAMETER(Mech(CKM_RSA_PKCS_PSS, Of(CK_RSA_PKCS_PSS_PARAMS{CKM_SHA256, CKG_MGF1_SHA256, 32})),
+              "CKM_RSA_PKCS_PSS, hashAlg = CKM_SHA256, mgf = CKG_MGF1_SHA256, sLen = 32"),
+    PARAMETER(Mech(CKM_RSA_PKCS_OAEP, Of(CK_RSA_PKCS_OAEP_PARAMS{CKM_SHA384, CKG_MGF1_SHA1, 1, d,
+              5})), "CKM_RSA_PKCS_OAEP, hashAlg = CKM_SHA384, mgf = CKG_MGF1_SHA1, source = "
+              "CKZ_DATA_SPECIFIED, ulSourceDataLen = 5"),
+    PARAMETER(Mech(CKM_AES_GCM, Of(CK_GCM_PARAMS{d, 12, 96, d, 16, 128})), "CKM_AES_GCM, pIv = "
+              "000102030405060708090A0B (12 bytes), ulIvBits = 96, ulAADLen = 16, ulTagBits = 128"),
+    PARAMETER(Mech(CKM_AES_GCM, Of(std::array<CK_ULONG, 5>{0, 12, 0, 0, 96})),  // no ulIvBits
+              "CKM_AES_GCM, pIv = NULL (12 bytes), ulAADLen = 0, ulTagBits = 96"),
+    PARAMETER(Mech(CKM_AES_CBC, {d, d + 16}), "CKM_AES_CBC, iv = 000102030405060708090A0B0C0D0E0F"),
+    PARAMETER(Mech(CKM_AES_CTR, Of(CK_AES_CTR_PARAMS{32, {0xA5, 1}})),
+              "CKM_AES_CTR, ulCounterBits = 32, cb = A501" + std::string(28, '0')),
+    PARAMETER(Mech(CKM_ECDH1_COFACTOR_DERIVE, Of(CK_ECDH1_DERIVE_PARAMS{CKD_NULL, 0, nullptr, 65,
+              d})), "CKM_ECDH1_COFACTOR_DERIVE, kdf = CKD_NULL, ulSharedDataLen = 0, "
+              "ulPublicDataLen = 65"),
+    PARAMETER(Mech(CKM_RSA_PKCS_PSS, {d, d + 8}), "CKM_RSA_PKCS_PSS, pParameter: 8 bytes "
+              "0001020304050607, not the 24 of CK_RSA_PKCS_PSS_PARAMS"),
+    PARAMETER(Mech(CKM_AES_CBC, {d, d + 16}, true),
+              "CKM_AES_CBC, pParameter = NULL, ulParameterLen = 16"),
+    PARAMETER(Mech(CKM_SHA256_HMAC_GENERAL, std::vector<CK_BYTE>(100)), "CKM_SHA256_HMAC_GENERAL, "
+              "pParameter: 100 bytes " + std::string(128, '0') + " and 36 more"),
     // The spy hands out its own interface in place of the module's; a 3.0
     // module's answers reach the caller, *ppInterface is only written.
     OWN(C_GetInterfaceList, CKR_OK, (nullptr, out), "pInterfacesList = NULL (asks for the length)|"
         "*pulCount = 1|"),
-    OWN(C_GetInterfaceList, CKR_BUFFER_TOO_SMALL, (&output<CK_INTERFACE>, (*out = 0, out)),
-        "pInterfacesList: room for 0 interfaces|*pulCount = 1|"),
     OWN(C_GetInterface, CKR_OK, (nullptr, &version30, &output<CK_INTERFACE*>, 0), "pInterfaceName "
         "= NULL|pVersion = 3.0|flags = 0x00000000|*ppInterface = \"PKCS 11\" 3.0, flags = 0x00000000|"),
-    OWN(C_GetInterface, CKR_ARGUMENTS_BAD, (name, &version240, &output<CK_INTERFACE*>, 0),
-        "pInterfaceName = \"PKCS 11\"|pVersion = 2.40|flags = 0x00000000|"),
 };
 // clang-format on
 
@@ -278,8 +316,7 @@ std::vector<std::string> LogSince(std::size_t from, bool golden = false) {
 // Runs a program to its end; says how it ended and what it wrote.
 std::string RunProgram(std::vector<std::string> command,
                        std::map<std::string, std::optional<std::string>> environment = {}) {
-  CChildProcess child({std::move(command), {}, std::move(environment), {}});
-  return child.Finish(), child.Describe();
+  return RunToEnd({std::move(command), {}, std::move(environment), {}});
 }
 
 // First in the process: the misconfigured C_Initialize calls need a spy that

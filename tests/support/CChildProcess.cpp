@@ -150,4 +150,9 @@ std::string CChildProcess::Describe() const {
   return text + "; stdout: \"" + out_ + "\"; stderr: \"" + err_ + "\"";
 }
 
+std::string RunToEnd(CChildOptions options) {
+  CChildProcess child(std::move(options));
+  return child.Finish(), child.Describe();
+}
+
 }  // namespace zelph

@@ -17,7 +17,7 @@ namespace zelph {
 
 struct CChildOptions {
   std::vector<std::string> command;  // the program's path and arguments, or
-  std::function<int()> body;  // run in a forked copy of the test; exit status (98: it threw)
+  std::function<int()> body;         // run in a forked copy of the test; exit status (98: it threw)
   // Variables set in the child's environment; an empty optional removes one.
   std::map<std::string, std::optional<std::string>> environment;
   std::string workDir;  // the test's own when empty
@@ -57,5 +57,8 @@ class CChildProcess {
   std::string out_, err_;
   std::size_t scanned_ = 0;
 };
+
+// Runs a child to its end; says how it ended and what it wrote (Describe).
+std::string RunToEnd(CChildOptions options);
 
 }  // namespace zelph

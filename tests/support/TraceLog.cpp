@@ -48,7 +48,8 @@ std::string ReadLogs(const std::string& directory) {
 }
 
 std::vector<CTraceSessionText> ParseLog(std::string_view text) {
-  if (!text.empty() && text.back() != '\n') ADD_FAILURE() << "the log does not end with a line feed";
+  if (!text.empty() && text.back() != '\n')
+    ADD_FAILURE() << "the log does not end with a line feed";
   const std::vector<std::string> lines = SplitLines(text);
   auto startsSession = [&](std::size_t at) {
     return at + 1 < lines.size() && lines[at] == kTraceRule &&
@@ -83,7 +84,7 @@ CTraceLine SplitTraceLine(std::string_view line) {
   for (std::size_t i = 0; i < kShape.size(); ++i) {
     const char c = line[i], shape = kShape[i];
     const bool digit = c >= '0' && c <= '9';
-    if (shape == '0' ? !digit
+    if (shape == '0'   ? !digit
         : shape == 'H' ? !digit && (c < 'A' || c > 'F')
                        : shape != 'm' && c != shape) {
       return split;
@@ -99,7 +100,8 @@ CTraceLine SplitTraceLine(std::string_view line) {
 char MarkerOfThread(int n) {
   static constexpr std::string_view kMarkers =
       ".|@_~#/\\^-&*=%:ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-  return n < 15 ? kMarkers[static_cast<std::size_t>(n)] : kMarkers[15 + static_cast<std::size_t>(n - 15) % 52];
+  return n < 15 ? kMarkers[static_cast<std::size_t>(n)]
+                : kMarkers[15 + static_cast<std::size_t>(n - 15) % 52];
 }
 
 void ExpectLines(const std::vector<std::string>& actual, const std::vector<std::string>& expected,

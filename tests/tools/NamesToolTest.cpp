@@ -48,11 +48,10 @@ TEST(NamesToolTest, NamesEachKindOfNumberAndRefusesWhatIsNoNumber) {
     SCOPED_TRACE(testing::Message() << "line " << c.line);
     std::vector<std::string> command = {ZELPH_NAMES_TOOL};
     command.insert(command.end(), c.args.begin(), c.args.end());
-    CChildProcess child({command, {}, {}, {}});
-    child.Finish();
-    const std::string expected = "exit status " + std::to_string(c.exit) + "; stdout: \"" +
-                                 (c.exit == 0 ? "" : "\"; stderr: \"") + c.text;
-    EXPECT_TRUE(child.Describe().starts_with(expected)) << child.Describe();
+    const std::string ran = RunToEnd({command, {}, {}, {}});
+    EXPECT_TRUE(ran.starts_with("exit status " + std::to_string(c.exit) + "; stdout: \"" +
+                                (c.exit == 0 ? "" : "\"; stderr: \"") + c.text))
+        << ran;
   }
 }
 

@@ -13,7 +13,7 @@ mutant is "caught" when a test fails or times out, "SURVIVED" when all pass,
 import argparse, json, os, re, shutil, subprocess, sys, time
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[1]
 KEYS = {"id", "file", "label", "find", "replace"}
 
 
