@@ -30,8 +30,8 @@ bool IsStandard(const CK_INTERFACE& interface) noexcept {
 
 CSpyModule::CSpyModule() = default;
 
-// Unloading the real module runs its own clean-up; a host that never called
-// C_Finalize leaves that to the module, as it would without the spy.
+// The module stays mapped (RTLD_NODELETE); a host that never called
+// C_Finalize leaves the clean-up to the module, as it would without the spy.
 CSpyModule::~CSpyModule() = default;
 
 void CSpyModule::CLibraryCloser::operator()(void* handle) const noexcept {
@@ -64,8 +64,11 @@ bool CSpyModule::Load(const COwnLists& own, std::string& error) {
     return false;
   }
   // RTLD_LOCAL keeps the real module's C_ symbols from standing in for the
-  // spy's in later lookups of the host.
-  std::unique_ptr<void, CLibraryCloser> library(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
+  // spy's in later lookups of the host. RTLD_NODELETE keeps the module mapped
+  // for the life of the process, as when the host loads it itself: what it
+  // allocated and the threads it started outlive the spy's unloading.
+  std::unique_ptr<void, CLibraryCloser> library(
+      dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE));
   if (!library) {
     const char* reason = dlerror();
     error = "cannot load the PKCS#11 module " + path + ": " + (reason ? reason : "unknown error");
