@@ -107,8 +107,10 @@ bool ParseHeaderLine(std::string_view line, CISOString& name, CISOString& value)
 
 void AddHeader(CHttpHeaders& headers, const CISOString& name, const CISOString& value) {
   const auto [entry, inserted] = headers.try_emplace(name, value);
-  if (!inserted) {
-    entry->second += ", ";
+  // An empty field adds no element to the list; joined with ", " it would
+  // leave a trailing separator that reads back differently.
+  if (!inserted && !value.IsEmpty()) {
+    if (!entry->second.IsEmpty()) entry->second += ", ";
     entry->second += value;
   }
 }
