@@ -123,5 +123,5 @@ bench: deps
 	@./scripts/bench-deps.sh
 	cmake -S . -B $(BENCH_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZELPH_BUILD_BENCH=ON \
 	  -DZELPH_BUILD_TESTS=OFF -DZELPH_BUILD_EXAMPLES=OFF
-	cmake --build $(BENCH_DIR) --target zelph_bench -j $(JOBS)
+	cmake --build $(BENCH_DIR) --target zelph_bench zelph-log -j $(JOBS)
 	python3 bench/compare.py --build-dir $(BENCH_DIR) --out $(BENCH_DIR)/results.json $(BENCH_FLAGS)

@@ -137,6 +137,33 @@ def spy_figures(bench_dir, rounds):
     return figures
 
 
+def log_figures(build_dir, rounds, megabytes):
+    """zelph-log summary against grep -c on the same log, warm in the page
+    cache, rounds interleaved; medians of the wall times."""
+    import statistics
+    import tempfile
+    import time
+    tool = os.path.join(build_dir, "bin", "zelph-log")
+    with tempfile.TemporaryDirectory(prefix="zelph-bench-log-") as scratch:
+        path = os.path.join(scratch, "big.log")
+        log(f"writing a {megabytes} MB trace log")
+        subprocess.run([sys.executable, os.path.join(HERE, "big_log.py"), path,
+                        "--megabytes", str(megabytes)], check=True)
+        size = os.path.getsize(path) / 1e6
+        commands = {"zelph-log": [tool, "summary", path], "grep": ["grep", "-c", "Entering", path]}
+        times = {name: [] for name in commands}
+        for _ in range(rounds + 1):  # the first round warms the cache and is dropped
+            for name, command in commands.items():
+                start = time.perf_counter()
+                # Into a pipe: GNU grep stops at the first match when it writes to /dev/null.
+                subprocess.run(command, stdout=subprocess.PIPE, check=True)
+                times[name].append(time.perf_counter() - start)
+        speed = {name: size / statistics.median(t[1:]) for name, t in times.items()}
+    log(f"zelph-log summary {speed['zelph-log']:.0f} MB/s, grep -c {speed['grep']:.0f} MB/s")
+    return [figure(f"zelph-log summary of a {megabytes} MB log vs grep -c Entering",
+                   speed["zelph-log"], speed["grep"], "MB/s", False, 0.5)]
+
+
 def number(value):
     """A figure's value for the table: millions as "1.63 M"."""
     return f"{value / 1e6:.3g} M" if value >= 1e5 else f"{value:.4g}"
@@ -161,12 +188,14 @@ def main():
     parser.add_argument("--min-time", type=float, default=0.2,
                         help="seconds per repetition of each benchmark")
     parser.add_argument("--rounds", type=int, default=21, help="rounds of the spy workload")
-    parser.add_argument("--only", choices=["trace", "names", "json", "xml", "spy"],
+    parser.add_argument("--log-megabytes", type=int, default=1024,
+                        help="size of the log zelph-log summarises")
+    parser.add_argument("--only", choices=["trace", "names", "json", "xml", "spy", "log"],
                         action="append", help="run only these groups (repeatable)")
     args = parser.parse_args()
 
     bench_dir = os.path.join(args.build_dir, "bench")
-    groups = args.only or ["trace", "names", "json", "xml", "spy"]
+    groups = args.only or ["trace", "names", "json", "xml", "spy", "log"]
     figures = []
     if "trace" in groups:
         figures += trace_figures(bench_dir, args.repetitions, args.min_time)
@@ -180,6 +209,8 @@ def main():
                                   "Xml", ("TinyXML2", "tinyxml2"), ("pugixml", "pugixml"))
     if "spy" in groups:
         figures += spy_figures(args.build_dir, args.rounds)
+    if "log" in groups:
+        figures += log_figures(args.build_dir, 7, args.log_megabytes)
 
     os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
     with open(args.out, "w") as f:

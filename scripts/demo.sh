@@ -8,10 +8,11 @@ build_dir=${1:-build}
 softhsm=/usr/lib/softhsm/libsofthsm2.so
 spy=$(realpath "$build_dir/lib/libzelphspy.so" 2>/dev/null || true)
 names=$(realpath "$build_dir/bin/zelph-names" 2>/dev/null || true)
+logtool=$(realpath "$build_dir/bin/zelph-log" 2>/dev/null || true)
 
-for needed in "$spy" "$names" "$softhsm"; do
+for needed in "$spy" "$names" "$logtool" "$softhsm"; do
   if [ -z "$needed" ] || [ ! -e "$needed" ]; then
-    echo "demo: ${needed:-the spy or zelph-names} is missing; run make demo" >&2
+    echo "demo: ${needed:-the spy, zelph-names or zelph-log} is missing; run make demo" >&2
     exit 1
   fi
 done
@@ -98,5 +99,13 @@ echo
 echo "== Naming a code found in a log"
 echo "\$ zelph-names rv 0xA0"
 "$names" rv 0xA0
+echo
+echo "== What the logs say, read back by zelph-log"
+echo "\$ zelph-log summary $work/logs"
+"$logtool" summary "$work/logs"
+echo
+echo "\$ zelph-log report $work/logs -o $work/report.html"
+"$logtool" report "$work/logs" -o "$work/report.html"
+echo "The report (timeline, tables, histograms; open it in a browser): $work/report.html"
 echo
 echo "Done. Everything of this demo is in $work (remove it when you are done)."

@@ -10,6 +10,8 @@ packages=(
   softhsm2 opensc dpkg-dev file
   # PKCS#11 3.0 definitions (names, interface layout) and the NSS tools of the spy tests
   libnss3-dev libnss3-tools
+  # zelph-log: its command line and its JSON output
+  libcli11-dev nlohmann-json3-dev
   # make fuzz: clang with libFuzzer and its sanitizer runtimes
   clang libclang-rt-14-dev
 )

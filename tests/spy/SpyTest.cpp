@@ -12,6 +12,7 @@
 #include <regex>
 
 #include "CChildProcess.h"
+#include "SoftHsm.h"
 #include "TestFiles.h"
 #include "TestSkips.h"
 #include "TraceLog.h"
@@ -21,7 +22,7 @@
 namespace zelph {
 namespace {
 
-constexpr char kSoftHsm[] = "/usr/lib/softhsm/libsofthsm2.so";
+constexpr const char* kSoftHsm = kSoftHsmModule;
 // The fake module's function list, and the spy, loaded once per process.
 auto* const fake = static_cast<CK_FUNCTION_LIST_3_0*>(
     dlsym(dlopen(ZELPH_FAKE_MODULE, RTLD_NOW | RTLD_LOCAL), "zelph_fake_functions"));
@@ -351,19 +352,6 @@ TEST(SpyTest, EveryCallReachesTheModuleUnchangedAndIsLoggedWithoutSecrets) {
   // Nothing but the functions of the 3.0 list.
   EXPECT_EQ(CountOf(RunProgram({"/usr/bin/nm", "-D", "--defined-only", "-j", ZELPH_SPY_LIB}), "\n"),
             92);
-}
-
-// A SoftHSM2 token store with the user PIN "1234"; returns its configuration.
-std::string SoftHsmStore(const CTestDir& dir) {
-  mkdir(dir.File("tokens").c_str(), 0700);
-  WriteFile(dir.File("softhsm2.conf"),
-            "directories.tokendir = " + dir.File("tokens") + "\nlog.level = ERROR\n");
-  const std::string token =
-      RunProgram({"/usr/bin/softhsm2-util", "--init-token", "--free", "--label", "zelph",
-                  "--so-pin", "87654321", "--pin", "1234"},
-                 {{"SOFTHSM2_CONF", dir.File("softhsm2.conf")}});
-  EXPECT_TRUE(token.starts_with("exit status 0;")) << token;
-  return dir.File("softhsm2.conf");
 }
 
 // A session through the spy in this process in front of SoftHSM2, whose log

@@ -124,4 +124,17 @@ void ExpectGolden(const std::vector<std::string>& actual, const std::string& pat
   ExpectLines(actual, SplitLines(ReadFile(path)), path);
 }
 
+std::string MadeLogHeader(const std::string& date, const std::string& time,
+                          const std::string& pid, const std::string& executable) {
+  return std::string(kTraceRule) + "\n# Starting log on " + date + " at " + time +
+         "\n# Process ID: " + pid + "\n# Arch: x86_64\n# Executable path: " + executable +
+         "\n# Middleware path: /usr/lib/Zwmware\n# Middleware version: 6.20.5.0\n"
+         "# OS version: linux.workstation\n\n\n";
+}
+
+std::string MadeLogLine(const std::string& stamp, const std::string& thread, int depth,
+                        const std::string& text, const std::string& markers) {
+  return stamp + " " + thread + markers + " " + std::string(4 * depth, ' ') + text + "\n";
+}
+
 }  // namespace zelph

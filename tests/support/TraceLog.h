@@ -49,6 +49,16 @@ CTraceLine SplitTraceLine(std::string_view line);
 // punctuation marks once, then A-Z and a-z in a cycle.
 char MarkerOfThread(int n);
 
+// Logs made by hand, for the readers of logs: a header as a session writes
+// it, and one line "MM-DD_hh:mm:ss:uuuuuu TTTTTTTT" + marker twice + " " +
+// four blanks per depth + text + "\n" (pass the marker once for a '%' thread's
+// message lines).
+std::string MadeLogHeader(const std::string& date = "2026-11-22",
+                          const std::string& time = "10:00:00", const std::string& pid = "42",
+                          const std::string& executable = "/usr/bin/app");
+std::string MadeLogLine(const std::string& stamp, const std::string& thread, int depth,
+                        const std::string& text, const std::string& markers = "..");
+
 // Compares two line lists, naming the first line that differs.
 void ExpectLines(const std::vector<std::string>& actual, const std::vector<std::string>& expected,
                  std::string_view what);
