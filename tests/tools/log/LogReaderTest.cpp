@@ -102,8 +102,8 @@ TEST(LogReader, CutsCallsOutOfLogsAsTheyAreWritten) {
       {"two threads' lines interleaved; '%' shown once on message lines",
        Header() + L("11-22_10:00:00:000000", kA, 0, "Entering C_Digest.") +
            L("11-22_10:00:00:000005", kB, 0, "Entering C_Encrypt.", "%%") +
-           L("11-22_10:00:00:000006", kB, 1, "pData: 3 bytes", "%") +
            L("11-22_10:00:00:000010", kA, 0, "Leaving C_Digest.") +
+           L("11-22_10:00:00:000012", kB, 1, "pData: 3 bytes", "%") +
            L("11-22_10:00:00:000015", kB, 0, "Leaving C_Encrypt.", "%%"),
        {"process 42 /usr/bin/app", "C_Digest@0 ok 10/10 lines=2 2026-11-22T10:00:00.000000",
         "C_Encrypt@0 ok 10/10 lines=3 2026-11-22T10:00:00.000005", "end 15"}},
