@@ -47,6 +47,15 @@ std::optional<CK_RV> ReturnValueOf(std::string_view name) {
   return vendor ? CKR_VENDOR_DEFINED + value : value;
 }
 
+void AddCount(CCodeCounts& counts, std::int32_t code, std::uint64_t count) {
+  const auto found = std::ranges::find(counts, code, &CCodeCounts::value_type::first);
+  if (found != counts.end()) {
+    found->second += count;
+  } else {
+    counts.emplace_back(code, count);
+  }
+}
+
 CNotedCall Note(const CLogCall& call) {
   CNotedCall noted;
   noted.function = call.function;
@@ -93,13 +102,7 @@ void CFunctionStats::Add(const CLogCall& call) {
   }
   if (call.status == CCallStatus::kFailed) {
     ++failed;
-    const auto found =
-        std::ranges::find(failures, call.code, &std::pair<std::int32_t, std::uint64_t>::first);
-    if (found != failures.end()) {
-      ++found->second;
-    } else {
-      failures.emplace_back(call.code, 1);
-    }
+    AddCount(failures, call.code, 1);
   }
   total += call.duration;
   max = std::max(max, call.duration);
@@ -110,15 +113,7 @@ void CFunctionStats::Merge(const CFunctionStats& other) {
   calls += other.calls;
   failed += other.failed;
   unfinished += other.unfinished;
-  for (const auto& [code, count] : other.failures) {
-    const auto found =
-        std::ranges::find(failures, code, &std::pair<std::int32_t, std::uint64_t>::first);
-    if (found != failures.end()) {
-      found->second += count;
-    } else {
-      failures.emplace_back(code, count);
-    }
-  }
+  for (const auto& [code, count] : other.failures) AddCount(failures, code, count);
   total += other.total;
   max = std::max(max, other.max);
   durations.Merge(other.durations);
@@ -195,6 +190,26 @@ void CLogSummary::Call(const CLogCall& call, const std::vector<CKeptLine>& lines
 
 void CLogSummary::EndProcess(std::int64_t /*end*/) {
   std::ranges::sort_heap(processes_.back().slowest, Slower);
+}
+
+std::vector<std::uint32_t> FunctionsByTime(const CCallTotals& totals) {
+  std::vector<std::uint32_t> order;
+  for (std::uint32_t i = 0; i < totals.functions.size(); ++i) {
+    if (totals.functions[i].calls > 0) order.push_back(i);
+  }
+  std::ranges::stable_sort(order, [&](std::uint32_t a, std::uint32_t b) {
+    return totals.functions[a].total > totals.functions[b].total;
+  });
+  return order;
+}
+
+CCodeCounts FailuresByCode(const CCallTotals& totals) {
+  CCodeCounts codes;
+  for (const CFunctionStats& stats : totals.functions) {
+    for (const auto& [code, count] : stats.failures) AddCount(codes, code, count);
+  }
+  std::ranges::stable_sort(codes, [](const auto& a, const auto& b) { return a.second > b.second; });
+  return codes;
 }
 
 CCallTotals CLogSummary::All() const {

@@ -19,7 +19,7 @@ struct CFunctionStats {
   std::uint64_t calls = 0;
   std::uint64_t failed = 0;
   std::uint64_t unfinished = 0;
-  std::vector<std::pair<std::int32_t, std::uint64_t>> failures;  // code, count
+  std::vector<std::pair<std::int32_t, std::uint64_t>> failures;  // code, count, first seen first
   std::int64_t total = 0;  // microseconds of the finished calls
   std::int64_t max = 0;
   CDurationSketch durations;
@@ -89,6 +89,13 @@ class CLogSummary : public CLogSink {
   std::size_t slowest_;
   std::vector<CProcessSummary> processes_;
 };
+
+// The functions that were called, most total time first.
+std::vector<std::uint32_t> FunctionsByTime(const CCallTotals& totals);
+
+// Failed calls counted by return code, most frequent first.
+using CCodeCounts = std::vector<std::pair<std::int32_t, std::uint64_t>>;
+CCodeCounts FailuresByCode(const CCallTotals& totals);
 
 // What the summary names come from.
 struct CLogNames {

@@ -45,30 +45,12 @@ Json FunctionJson(const std::string& name, const CFunctionStats& stats, const CL
 }
 
 Json TotalsJson(const CCallTotals& totals, const CLogNames& names) {
-  std::vector<std::uint32_t> order;
-  for (std::uint32_t i = 0; i < totals.functions.size(); ++i) {
-    if (totals.functions[i].calls > 0) order.push_back(i);
-  }
-  std::ranges::stable_sort(order, [&](std::uint32_t a, std::uint32_t b) {
-    return totals.functions[a].total > totals.functions[b].total;
-  });
   Json functions = Json::array();
-  std::vector<std::pair<std::int32_t, std::uint64_t>> codes;
-  for (const std::uint32_t i : order) {
+  for (const std::uint32_t i : FunctionsByTime(totals)) {
     functions.push_back(FunctionJson(names.functions[i], totals.functions[i], names));
-    for (const auto& [code, count] : totals.functions[i].failures) {
-      const auto found =
-          std::ranges::find(codes, code, &std::pair<std::int32_t, std::uint64_t>::first);
-      if (found != codes.end()) {
-        found->second += count;
-      } else {
-        codes.emplace_back(code, count);
-      }
-    }
   }
-  std::ranges::stable_sort(codes, [](const auto& a, const auto& b) { return a.second > b.second; });
   Json failures = Json::array();
-  for (const auto& [code, count] : codes) {
+  for (const auto& [code, count] : FailuresByCode(totals)) {
     const std::string& name = names.codes[static_cast<std::size_t>(code)];
     failures.push_back({{"code", name}, {"count", count}, {"message", UserMessageOf(name)}});
   }

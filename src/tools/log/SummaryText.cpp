@@ -13,18 +13,6 @@ std::string Plural(std::uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
-// The functions that were called, most total time first.
-std::vector<std::uint32_t> FunctionsByTime(const CCallTotals& totals) {
-  std::vector<std::uint32_t> order;
-  for (std::uint32_t i = 0; i < totals.functions.size(); ++i) {
-    if (totals.functions[i].calls > 0) order.push_back(i);
-  }
-  std::ranges::stable_sort(order, [&](std::uint32_t a, std::uint32_t b) {
-    return totals.functions[a].total > totals.functions[b].total;
-  });
-  return order;
-}
-
 // "11-22 21:54:37.437116" from "2026-11-22T21:54:37.437116".
 std::string ShortTime(const std::string& time) {
   std::string shorter = time.size() > 5 ? time.substr(5) : time;
@@ -60,20 +48,8 @@ void PrintFunctionTable(std::FILE* out, const CCallTotals& totals, const CLogNam
 }
 
 void PrintFailures(std::FILE* out, const CCallTotals& totals, const CLogNames& names) {
-  std::vector<std::pair<std::int32_t, std::uint64_t>> codes;
-  for (const CFunctionStats& stats : totals.functions) {
-    for (const auto& [code, count] : stats.failures) {
-      const auto found =
-          std::ranges::find(codes, code, &std::pair<std::int32_t, std::uint64_t>::first);
-      if (found != codes.end()) {
-        found->second += count;
-      } else {
-        codes.emplace_back(code, count);
-      }
-    }
-  }
+  const CCodeCounts codes = FailuresByCode(totals);
   if (codes.empty()) return;
-  std::ranges::stable_sort(codes, [](const auto& a, const auto& b) { return a.second > b.second; });
   std::fprintf(out, "\nFailures by return code\n");
   for (const auto& [code, count] : codes) {
     const std::string& name = names.codes[static_cast<std::size_t>(code)];
