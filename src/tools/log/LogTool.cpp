@@ -161,17 +161,24 @@ class CCallPrinter : public CLogSink {
 
   // The reader whose function and code names the calls refer to.
   void SetReader(const CLogReader* reader) { reader_ = reader; }
-  void BeginProcess(const CLogProcess& process) override { log_ = process.log; }
+  void BeginProcess(const CLogProcess& process) override {
+    log_ = process.log;
+    matched_.clear();
+  }
   void EndProcess(std::int64_t) override {}
   void Problem(const std::string& log, std::uint64_t line, const std::string& text) override {
     inputs_.Problem(log, line, text);
   }
   void Call(const CLogCall& call, const std::vector<CKeptLine>& lines) override {
-    if (filter_.Matches(call, reader_->Functions()[call.function])) matched_.push_back(call);
-    if (call.depth > 0 || matched_.empty()) return;
-    std::ranges::stable_sort(matched_, {}, &CLogCall::start);
-    for (const CLogCall& match : matched_) Print(match, lines);
-    matched_.clear();
+    // A nested call's lines are its outermost call's, which are printed
+    // from when that ends; other threads' calls may end in between.
+    if (call.threadIndex >= matched_.size()) matched_.resize(call.threadIndex + 1);
+    std::vector<CLogCall>& matched = matched_[call.threadIndex];
+    if (filter_.Matches(call, reader_->Functions()[call.function])) matched.push_back(call);
+    if (call.depth > 0 || matched.empty()) return;
+    std::ranges::stable_sort(matched, {}, &CLogCall::start);
+    for (const CLogCall& match : matched) Print(match, lines);
+    matched.clear();
   }
   void Finish() {
     if (json_) std::fputs(printed_ > 0 ? "\n]\n" : "[]\n", stdout);
@@ -220,7 +227,7 @@ class CCallPrinter : public CLogSink {
   bool json_;
   const CLogReader* reader_ = nullptr;
   std::string log_;
-  std::vector<CLogCall> matched_;
+  std::vector<std::vector<CLogCall>> matched_;  // by thread, until their outermost call ends
   std::uint64_t printed_ = 0;
 };
 

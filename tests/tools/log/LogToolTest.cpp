@@ -49,6 +49,9 @@ class LogTool : public testing::Test {
                   L("11-22_10:00:00:003000", kA, 0, "Entering C_Login.", "..") +
                   L("11-22_10:00:00:003010", kA, 1, "Entering CardVerifyPin.", "..") +
                   L("11-22_10:00:00:013010", kA, 1, "Leaving CardVerifyPin.", "..") +
+                  L("11-22_10:00:00:013011", kB, 0, "Entering C_GetSlotList.", "||") +
+                  L("11-22_10:00:00:013012", kB, 1, "Returns CKR_OK (2 us)", "||") +
+                  L("11-22_10:00:00:013015", kB, 0, "Leaving C_GetSlotList.", "||") +
                   L("11-22_10:00:00:013020", kA, 1, "Returns CKR_OK (10015 us)", "..") +
                   L("11-22_10:00:00:013030", kA, 0, "Leaving C_Login.", ".."));
     WriteFile(dir_.File("zelph_2.log"),
@@ -63,9 +66,9 @@ TEST_F(LogTool, SummaryNamesCountsFailuresAndSlowCallsInEightyColumns) {
   const CRun run = Tool({"summary", dir_.Path()});
   ASSERT_EQ(run.status, 0) << run.err;
   for (const std::string expected : {
-           "zelph-log: 2 logs, 2 processes, 5 calls, 1 failed, 1 unfinished\n",
+           "zelph-log: 2 logs, 2 processes, 6 calls, 1 failed, 1 unfinished\n",
            "pkcs11-tool, pid 101, started 2026-11-22 10:00:00\n",
-           "  4 calls, 1 failed, 0 unfinished, 2 threads\n",
+           "  5 calls, 1 failed, 0 unfinished, 2 threads\n",
            "C_Login                   2      1  12.0 ms  6.00 ms  1.99 ms  10.0 ms  10.0 ms\n",
            "CardVerifyPin             1      0  10.0 ms",
            "Failures by return code\n  CKR_PIN_INCORRECT                        1\n    The ",
@@ -92,7 +95,7 @@ TEST_F(LogTool, JsonHoldsTheSameForScripts) {
   const nlohmann::json json = nlohmann::json::parse(run.out);
   EXPECT_EQ(json["schema"], "zelph-log summary");
   EXPECT_EQ(json["version"], 1);
-  EXPECT_EQ(json["all"]["calls"], 5);
+  EXPECT_EQ(json["all"]["calls"], 6);
   ASSERT_EQ(json["processes"].size(), 2u);
   const nlohmann::json& first = json["processes"][0];
   EXPECT_EQ(first["pid"], 101);
@@ -118,7 +121,9 @@ TEST_F(LogTool, CallsPicksCallsByFunctionFailureThreadAndDuration) {
   } cases[] = {
       {{"--failed"}, {"zelph_1.log:11: C_Login, thread 0000AAAA, 1.99 ms, CKR_PIN_INCORRECT"}},
       {{"--function", "C_*Slot*"},
-       {"zelph_1.log:13: C_GetSlotList, thread 0000BBBB, 4 us, CKR_OK"}},
+       {"zelph_1.log:13: C_GetSlotList, thread 0000BBBB, 4 us, CKR_OK",
+        "zelph_1.log:21: C_GetSlotList, thread 0000BBBB, 2 us, CKR_OK"}},
+      {{"--function", "Card*"}, {"zelph_1.log:19: CardVerifyPin, thread 0000AAAA, 10.0 ms"}},
       {{"--thread", "0000aaaa", "--slower-than", "5ms"},
        {"zelph_1.log:18: C_Login, thread 0000AAAA, 10.0 ms, CKR_OK",
         "zelph_1.log:19: CardVerifyPin, thread 0000AAAA, 10.0 ms",
@@ -130,8 +135,15 @@ TEST_F(LogTool, CallsPicksCallsByFunctionFailureThreadAndDuration) {
     arguments.insert(arguments.end(), c.filter.begin(), c.filter.end());
     const CRun run = Tool(arguments);
     std::vector<std::string> headers;
-    for (const std::string& line : SplitLines(run.out)) {
-      if (line.starts_with("==> ")) headers.push_back(line.substr(line.rfind('/') + 1));
+    const std::vector<std::string> lines = SplitLines(run.out);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      if (!lines[i].starts_with("==> ")) continue;
+      headers.push_back(lines[i].substr(lines[i].rfind('/') + 1));
+      const std::string function = headers.back().substr(headers.back().find(": ") + 2);
+      EXPECT_NE(lines.at(i + 1).find("Entering " + function.substr(0, function.find(','))),
+                std::string::npos)
+          << "a call's own lines follow its header: " << lines[i] << "\n"
+          << lines.at(i + 1);
     }
     EXPECT_EQ(headers, c.lines) << testing::PrintToString(c.filter) << "\n" << run.out;
   }
@@ -153,7 +165,7 @@ TEST_F(LogTool, BadInputIsNamedAndTheRestStillRead) {
   const CRun run = Tool({"summary", dir_.File("zelph_1.log"), dir_.File("notes.txt"),
                          dir_.File("missing.log"), dir_.File("zelph_2.log")});
   EXPECT_EQ(run.status, 2) << "an input that is no log is trouble";
-  EXPECT_NE(run.out.find("zelph-log: 4 logs, 2 processes, 5 calls"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("zelph-log: 4 logs, 2 processes, 6 calls"), std::string::npos) << run.out;
   EXPECT_NE(run.err.find(dir_.File("notes.txt") + ": not a trace log"), std::string::npos)
       << run.err;
   EXPECT_NE(run.err.find(dir_.File("missing.log") + ": cannot open: No such file"),
@@ -175,8 +187,8 @@ TEST_F(LogTool, ReportIsOnePageThatNeedsNothingFromTheNetwork) {
   ASSERT_EQ(run.status, 0) << run.err;
   const std::string html = ReadFile(page);
   // (The SVG namespace is a name, not a place the page goes to.)
-  for (const char* outside : {"src=", "href=", "<link", "@import", "url(", "fetch(",
-                              "XMLHttpRequest", "https://"}) {
+  for (const char* outside :
+       {"src=", "href=", "<link", "@import", "url(", "fetch(", "XMLHttpRequest", "https://"}) {
     EXPECT_EQ(html.find(outside), std::string::npos) << "the page reaches out: " << outside;
   }
   const std::size_t start = html.find("<script id=\"zelph-data\" type=\"application/json\">");
@@ -184,11 +196,11 @@ TEST_F(LogTool, ReportIsOnePageThatNeedsNothingFromTheNetwork) {
   const std::size_t from = html.find('>', start) + 1;
   const nlohmann::json data =
       nlohmann::json::parse(html.substr(from, html.find("</script>", from) - from));
-  EXPECT_EQ(data["summary"]["all"]["calls"], 5);
+  EXPECT_EQ(data["summary"]["all"]["calls"], 6);
   const nlohmann::json& timeline = data["timeline"]["processes"][0];
-  EXPECT_EQ(timeline["calls"]["start"], nlohmann::json::array({0, 20, 3000, 3010}));
-  EXPECT_EQ(timeline["calls"]["depth"], nlohmann::json::array({0, 0, 0, 1}));
-  EXPECT_EQ(timeline["calls"]["count"], nlohmann::json::array({4, 3, 5, 2}));
+  EXPECT_EQ(timeline["calls"]["start"], nlohmann::json::array({0, 20, 3000, 3010, 13011}));
+  EXPECT_EQ(timeline["calls"]["depth"], nlohmann::json::array({0, 0, 0, 1, 0}));
+  EXPECT_EQ(timeline["calls"]["count"], nlohmann::json::array({4, 3, 5, 2, 3}));
   EXPECT_EQ(timeline["calls"]["first"][3], timeline["calls"]["first"][2].get<int>() + 1)
       << "a nested call's lines lie inside its outer call's";
 }
