@@ -149,6 +149,8 @@ def log_figures(build_dir, rounds, megabytes):
         log(f"writing a {megabytes} MB trace log")
         subprocess.run([sys.executable, os.path.join(HERE, "big_log.py"), path,
                         "--megabytes", str(megabytes)], check=True)
+        # Written back before the rounds, so that no write-back runs beside them.
+        os.sync()
         size = os.path.getsize(path) / 1e6
         commands = {"zelph-log": [tool, "summary", path], "grep": ["grep", "-c", "Entering", path]}
         times = {name: [] for name in commands}
