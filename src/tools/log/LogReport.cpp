@@ -170,6 +170,23 @@ void CLogReport::EndProcess(std::int64_t end) {
   process.pending.clear();
 }
 
+// The columns of the page's calls, in the order docs/zelph-log.md lists them.
+const std::pair<const char*, std::int64_t (*)(const CLogReport::CCallRow&)>
+    CLogReport::kCallColumns[] = {
+        {"start", [](const CCallRow& r) -> std::int64_t { return r.start; }},
+        {"span", [](const CCallRow& r) -> std::int64_t { return r.span; }},
+        {"duration", [](const CCallRow& r) -> std::int64_t { return r.duration; }},
+        {"thread", [](const CCallRow& r) -> std::int64_t { return r.thread; }},
+        {"depth", [](const CCallRow& r) -> std::int64_t { return r.depth; }},
+        {"function", [](const CCallRow& r) -> std::int64_t { return r.function; }},
+        {"code", [](const CCallRow& r) -> std::int64_t { return r.code; }},
+        {"status", [](const CCallRow& r) -> std::int64_t { return r.status; }},
+        {"line",
+         [](const CCallRow& r) -> std::int64_t { return static_cast<std::int64_t>(r.line); }},
+        {"first", [](const CCallRow& r) -> std::int64_t { return r.first; }},
+        {"count", [](const CCallRow& r) -> std::int64_t { return r.count; }},
+};
+
 void CLogReport::WriteTimeline(std::FILE* out, const CLogNames& names) const {
   std::fputs("{\"functions\":", out);
   WriteStrings(out, names.functions);
@@ -194,28 +211,12 @@ void CLogReport::WriteTimeline(std::FILE* out, const CLogNames& names) const {
       threadSeparator = ",";
     }
     std::fputs("],\"calls\":{", out);
-    const auto& calls = process.calls;
-    WriteColumn(out, "start", calls, [](const CCallRow& r) { return r.start; });
-    std::fputc(',', out);
-    WriteColumn(out, "span", calls, [](const CCallRow& r) { return r.span; });
-    std::fputc(',', out);
-    WriteColumn(out, "duration", calls, [](const CCallRow& r) { return r.duration; });
-    std::fputc(',', out);
-    WriteColumn(out, "thread", calls, [](const CCallRow& r) { return r.thread; });
-    std::fputc(',', out);
-    WriteColumn(out, "depth", calls, [](const CCallRow& r) { return r.depth; });
-    std::fputc(',', out);
-    WriteColumn(out, "function", calls, [](const CCallRow& r) { return r.function; });
-    std::fputc(',', out);
-    WriteColumn(out, "code", calls, [](const CCallRow& r) { return r.code; });
-    std::fputc(',', out);
-    WriteColumn(out, "status", calls, [](const CCallRow& r) { return r.status; });
-    std::fputc(',', out);
-    WriteColumn(out, "line", calls, [](const CCallRow& r) { return r.line; });
-    std::fputc(',', out);
-    WriteColumn(out, "first", calls, [](const CCallRow& r) { return r.first; });
-    std::fputc(',', out);
-    WriteColumn(out, "count", calls, [](const CCallRow& r) { return r.count; });
+    const char* columnSeparator = "";
+    for (const auto& [name, of] : kCallColumns) {
+      std::fputs(columnSeparator, out);
+      WriteColumn(out, name, process.calls, of);
+      columnSeparator = ",";
+    }
     std::fputs("},\"lines\":{", out);
     WriteColumn(out, "time", process.lineTimes, [](std::int64_t t) { return t; });
     std::fputc(',', out);

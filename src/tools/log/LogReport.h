@@ -54,6 +54,8 @@ class CLogReport : public CLogSink {
     std::vector<std::vector<std::size_t>> pending;  // by thread index
   };
 
+  static const std::pair<const char*, std::int64_t (*)(const CCallRow&)> kCallColumns[11];
+
   std::uint32_t Intern(const std::string& text);
   void WriteTimeline(std::FILE* out, const CLogNames& names) const;
 
