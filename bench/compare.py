@@ -10,7 +10,9 @@ ratios mean something, not the absolute numbers.
 
 Writes the table to <out> as a list of objects with the keys "name", "ours",
 "reference", "unit", "ratio", "target" and "met" (target and met are null for
-figures reported for information), a Markdown copy beside it, and prints it.
+figures reported for information; a target on "ours" itself rather than on the
+ratio starts with "ours"), and "spread" where rounds were repeated (the first
+and third quartiles of ours), a Markdown copy beside it, and prints it.
 """
 
 import argparse
@@ -50,20 +52,29 @@ def ns_per_call(row):
     return row["cpu_time"] * scale
 
 
-def figure(name, ours, reference, unit, lower_is_better, target=None):
+def figure(name, ours, reference, unit, lower_is_better, target=None, absolute=False,
+           spread=None):
+    """One row. The target bounds the ratio, or with `absolute` ours itself."""
     ratio = ours / reference if reference else float("inf")
     met = None
     if target is not None:
-        met = ratio <= target if lower_is_better else ratio >= target
-    return {
+        value = ours if absolute else ratio
+        met = value <= target if lower_is_better else value >= target
+    text = None
+    if target is not None:
+        text = f"{'ours ' if absolute else ''}{'<=' if lower_is_better else '>='} {target}"
+    row = {
         "name": name,
         "ours": round(ours, 3),
         "reference": round(reference, 3),
         "unit": unit,
         "ratio": round(ratio, 3),
-        "target": None if target is None else f"{'<=' if lower_is_better else '>='} {target}",
+        "target": text,
         "met": met,
     }
+    if spread is not None:
+        row["spread"] = [round(value, 3) for value in spread]
+    return row
 
 
 def trace_figures(bench_dir, repetitions, min_time):
@@ -108,10 +119,12 @@ def parser_figures(bench_dir, repetitions, min_time, program, kind, target_peer,
     return figures
 
 
-def spy_figures(bench_dir, rounds):
-    spy = os.path.join(bench_dir, "lib", "libzelphspy.so")
+def spy_figures(build_dir, rounds, steady_rounds):
+    spy = os.path.join(build_dir, "lib", "libzelphspy.so")
     script = os.path.join(HERE, "spy_workload.py")
-    command = [sys.executable, script, "--spy", spy, "--rounds", str(rounds)]
+    command = [sys.executable, script, "--spy", spy, "--rounds", str(rounds),
+               "--steady", os.path.join(build_dir, "bench", "zelph_spy_steady"),
+               "--steady-rounds", str(steady_rounds)]
     # p11-kit's proxy is measured in a mount namespace of its own (see the
     # script); without one the other configurations still run.
     private = ["unshare", "--mount", "--propagation", "private"] + command + ["--private-mounts"]
@@ -121,20 +134,88 @@ def spy_figures(bench_dir, rounds):
         result = subprocess.run(command, stdout=subprocess.PIPE, check=True)
     data = json.loads(result.stdout)
     overhead = data["overhead_ms"]
+    spread = data["overhead_spread_ms"]
     figures = [
         figure("Spy overhead on a pkcs11-tool workload, tracing on vs pkcs11-spy",
-               overhead["zelph-on"], overhead["pkcs11-spy"], "ms/workload", True, 1),
+               overhead["zelph-on"], overhead["pkcs11-spy"], "ms/workload", True, 1.5,
+               spread=spread["zelph-on"]),
         figure("Spy overhead on a pkcs11-tool workload, tracing off vs pkcs11-spy",
-               overhead["zelph-off"], overhead["pkcs11-spy"], "ms/workload", True),
+               overhead["zelph-off"], overhead["pkcs11-spy"], "ms/workload", True,
+               spread=spread["zelph-off"]),
     ]
     if "p11-kit" in overhead:
         figures.append(figure("Spy overhead on a pkcs11-tool workload, tracing on vs p11-kit "
                               "log-calls", overhead["zelph-on"], overhead["p11-kit"],
-                              "ms/workload", True))
+                              "ms/workload", True, spread=spread["zelph-on"]))
     figures.append(figure("pkcs11-tool workload, whole time through our spy (tracing on) vs "
                           "directly", data["median_ms"]["zelph-on"], data["median_ms"]["direct"],
                           "ms/workload", True))
+
+    steady = data["steady"]
+    per_call = {name: ns / 1e3 for name, ns in steady["overhead_ns_per_call"].items()}
+    per_call_spread = {name: [ns / 1e3 for ns in q]
+                       for name, q in steady["overhead_spread"].items()}
+    mix = f"steady state ({steady['iterations']} x 8 calls, {steady['rounds']} rounds)"
+    figures += [
+        figure(f"Spy overhead per PKCS#11 call, {mix}, tracing on vs pkcs11-spy",
+               per_call["zelph-on"], per_call["pkcs11-spy"], "us/call", True, 1.5,
+               spread=per_call_spread["zelph-on"]),
+        figure(f"Spy overhead per PKCS#11 call, {mix}, tracing off (vs pkcs11-spy)",
+               per_call["zelph-off"], per_call["pkcs11-spy"], "us/call", True, 0.3,
+               absolute=True, spread=per_call_spread["zelph-off"]),
+    ]
+    if "p11-kit" in per_call:
+        figures.append(figure(f"Spy overhead per PKCS#11 call, {mix}, tracing on vs p11-kit "
+                              "log-calls", per_call["zelph-on"], per_call["p11-kit"], "us/call",
+                              True, spread=per_call_spread["zelph-on"]))
+    writes = steady["writes_per_call"]
+    figures.append(figure("Spy write() calls per PKCS#11 call, tracing on (vs pkcs11-spy)",
+                          writes["zelph-on"], writes["pkcs11-spy"], "writes/call", True, 3,
+                          absolute=True))
     return figures
+
+
+def load_figures(build_dir, rounds):
+    """Whole processes of a bare C host that loads a trace library and makes
+    one TraceString call (tracing off): libzelphtrace.so against a stub C++
+    library. Rounds alternate the two; the figure is the median of the paired
+    differences."""
+    import statistics
+    import tempfile
+    import time
+    host = os.path.join(build_dir, "bench", "zelph_load_host")
+    libraries = {"ours": os.path.join(build_dir, "lib", "libzelphtrace.so"),
+                 "stub": os.path.join(build_dir, "bench", "libzelph_stub_trace.so")}
+    with tempfile.TemporaryDirectory(prefix="zelph-bench-load-") as scratch:
+        config = os.path.join(scratch, "zelph.conf")
+        with open(config, "w") as f:
+            f.write(f"Quillon {{\n\tEnableTrace = 0\n\tTrace = {scratch}\n}}\n")
+        env = dict(os.environ, ZELPH_CONFFILE=config)
+        env.pop("LD_PRELOAD", None)
+
+        def run(library):
+            start = time.perf_counter()
+            pid = os.posix_spawn(host, [host, library], env)
+            _, status = os.waitpid(pid, 0)
+            elapsed = time.perf_counter() - start
+            if os.waitstatus_to_exitcode(status) != 0:
+                raise RuntimeError(f"zelph_load_host {library} failed")
+            return elapsed * 1e3
+
+        log(f"load cost: {rounds} rounds of {', '.join(libraries)}")
+        times = {name: [] for name in libraries}
+        for round_index in range(rounds + 5):  # the first rounds warm the caches
+            order = list(libraries) if round_index % 2 == 0 else list(reversed(libraries))
+            for name in order:
+                elapsed = run(libraries[name])
+                if round_index >= 5:
+                    times[name].append(elapsed)
+    deltas = [o - s for o, s in zip(times["ours"], times["stub"])]
+    q = statistics.quantiles(deltas, n=4)
+    stub = statistics.median(times["stub"])
+    return [figure(f"Loading libzelphtrace.so + one TraceString (tracing off) from a C host, "
+                   f"over a stub C++ library ({rounds} rounds)", statistics.median(deltas), stub,
+                   "ms/process", True, 1, absolute=True, spread=[q[0], q[2]])]
 
 
 def log_figures(build_dir, rounds, megabytes):
@@ -176,7 +257,10 @@ def markdown(figures):
              "|---|---:|---:|---|---:|---|---|"]
     for f in figures:
         met = "" if f["met"] is None else ("yes" if f["met"] else "**no**")
-        lines.append(f"| {f['name']} | {number(f['ours'])} | {number(f['reference'])} | {f['unit']} | "
+        ours = number(f["ours"])
+        if "spread" in f:
+            ours += f" ({number(f['spread'][0])} to {number(f['spread'][1])})"
+        lines.append(f"| {f['name']} | {ours} | {number(f['reference'])} | {f['unit']} | "
                      f"{f['ratio']:.2f} | {f['target'] or ''} | {met} |")
     return "\n".join(lines) + "\n"
 
@@ -189,15 +273,20 @@ def main():
     parser.add_argument("--repetitions", type=int, default=15)
     parser.add_argument("--min-time", type=float, default=0.2,
                         help="seconds per repetition of each benchmark")
-    parser.add_argument("--rounds", type=int, default=21, help="rounds of the spy workload")
+    parser.add_argument("--rounds", type=int, default=51, help="rounds of the spy workload")
+    parser.add_argument("--steady-rounds", type=int, default=51,
+                        help="rounds of the spy's steady state")
+    parser.add_argument("--load-rounds", type=int, default=201,
+                        help="rounds of the load cost")
     parser.add_argument("--log-megabytes", type=int, default=1024,
                         help="size of the log zelph-log summarises")
-    parser.add_argument("--only", choices=["trace", "names", "json", "xml", "spy", "log"],
+    parser.add_argument("--only",
+                        choices=["trace", "names", "json", "xml", "spy", "load", "log"],
                         action="append", help="run only these groups (repeatable)")
     args = parser.parse_args()
 
     bench_dir = os.path.join(args.build_dir, "bench")
-    groups = args.only or ["trace", "names", "json", "xml", "spy", "log"]
+    groups = args.only or ["trace", "names", "json", "xml", "spy", "load", "log"]
     figures = []
     if "trace" in groups:
         figures += trace_figures(bench_dir, args.repetitions, args.min_time)
@@ -210,7 +299,9 @@ def main():
         figures += parser_figures(bench_dir, args.repetitions, args.min_time, "zelph_xml_bench",
                                   "Xml", ("TinyXML2", "tinyxml2"), ("pugixml", "pugixml"))
     if "spy" in groups:
-        figures += spy_figures(args.build_dir, args.rounds)
+        figures += spy_figures(args.build_dir, args.rounds, args.steady_rounds)
+    if "load" in groups:
+        figures += load_figures(args.build_dir, args.load_rounds)
     if "log" in groups:
         figures += log_figures(args.build_dir, 7, args.log_megabytes)
 

@@ -9,6 +9,11 @@ configuration once, in an order that rotates from round to round; the overhead
 of a tracer is the median over the rounds of its time minus the direct time of
 the same round.
 
+With --steady, each round also runs the steady state of one application
+process (bench/SpySteady.c: a fixed mix of eight calls, repeated) through every
+configuration: the overhead per PKCS#11 call and the write() calls per
+PKCS#11 call.
+
 p11-kit's proxy loads every module its configuration names. To give it SoftHSM2
 alone without touching the machine's configuration, run this script in a mount
 namespace of its own (`unshare --mount --propagation private`) and pass
@@ -127,12 +132,61 @@ def p11kit_modules(bed):
     return result.returncode == 0
 
 
+def quartiles(samples):
+    """The first and third quartiles of `samples`."""
+    q = statistics.quantiles(samples, n=4)
+    return [q[0], q[2]]
+
+
+def steady_run(program, module, env, stderr_path, iterations):
+    """One steady-state process; returns its JSON line as a dict."""
+    with open(stderr_path or os.devnull, "w") as stderr:
+        result = subprocess.run([program, module, PIN, str(iterations)], env=env,
+                                stdout=subprocess.PIPE, stderr=stderr)
+    if result.returncode != 0:
+        raise RuntimeError(f"{os.path.basename(program)} through {module} failed with "
+                           f"{result.returncode}")
+    return json.loads(result.stdout)
+
+
+def steady(bed, configs, program, rounds, iterations):
+    """Per-call figures of the steady state, rounds interleaved as above."""
+    names = list(configs)
+    log(f"steady state: {rounds} rounds of {iterations} x 8 calls through {', '.join(names)}")
+    per_call = {name: [] for name in names}
+    writes = {}
+    for round_index in range(rounds + 1):
+        shift = round_index % len(names)
+        for name in names[shift:] + names[:shift]:
+            module, env, stderr_path = configs[name]
+            row = steady_run(program, module, env, stderr_path, iterations)
+            if round_index > 0:
+                per_call[name].append(row["ns_per_call"])
+            writes[name] = row["writes_per_call"]
+        for logs in bed.logs.values():
+            for entry in os.listdir(logs):
+                os.remove(os.path.join(logs, entry))
+    result = {"rounds": rounds, "iterations": iterations, "ns_per_call": {},
+              "overhead_ns_per_call": {}, "overhead_spread": {}, "writes_per_call": writes}
+    for name, samples in per_call.items():
+        result["ns_per_call"][name] = statistics.median(samples)
+        if name != "direct":
+            deltas = [t - d for t, d in zip(samples, per_call["direct"])]
+            result["overhead_ns_per_call"][name] = statistics.median(deltas)
+            result["overhead_spread"][name] = quartiles(deltas)
+    return result
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--spy", required=True, help="libzelphspy.so to measure")
     parser.add_argument("--rounds", type=int, default=11)
     parser.add_argument("--private-mounts", action="store_true",
                         help="this process runs in a mount namespace of its own")
+    parser.add_argument("--steady", metavar="PROGRAM",
+                        help="the steady-state program (zelph_spy_steady) to run as well")
+    parser.add_argument("--steady-rounds", type=int, default=51)
+    parser.add_argument("--steady-iterations", type=int, default=100)
     args = parser.parse_args()
 
     bed = Bed(os.path.abspath(args.spy))
@@ -177,12 +231,17 @@ def main():
             if os.path.exists(spy_log):
                 os.remove(spy_log)
 
-        result = {"rounds": args.rounds, "median_ms": {}, "overhead_ms": {}}
+        result = {"rounds": args.rounds, "median_ms": {}, "overhead_ms": {},
+                  "overhead_spread_ms": {}}
         for name, samples in times.items():
             result["median_ms"][name] = statistics.median(samples) * 1e3
             if name != "direct":
-                deltas = [t - d for t, d in zip(samples, times["direct"])]
-                result["overhead_ms"][name] = statistics.median(deltas) * 1e3
+                deltas = [(t - d) * 1e3 for t, d in zip(samples, times["direct"])]
+                result["overhead_ms"][name] = statistics.median(deltas)
+                result["overhead_spread_ms"][name] = quartiles(deltas)
+        if args.steady:
+            result["steady"] = steady(bed, configs, os.path.abspath(args.steady),
+                                      args.steady_rounds, args.steady_iterations)
         print(json.dumps(result, indent=2))
     finally:
         bed.close()

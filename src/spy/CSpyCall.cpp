@@ -7,7 +7,22 @@
 
 namespace zelph {
 
+namespace {
+
+// True when a TraceString format carries `text` to the log as it stands:
+// ASCII (a format that is not is recoded) on one line (a format is split at
+// its line breaks).
+bool FitsFormat(std::string_view text) noexcept {
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) >= 0x80 || c == '\n' || c == '\r') return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 void CSpyCall::Line(const char* format, ...) noexcept {
+  if (!tracing_) return;
   // Most lines fit the stack buffer; a longer one (a long handle list) is
   // formatted a second time into a string of its size.
   char small[256];
@@ -19,14 +34,23 @@ void CSpyCall::Line(const char* format, ...) noexcept {
   const auto size = static_cast<std::size_t>(length);
   try {
     if (size < sizeof small) {
-      AppendLine(std::string_view(small, size));
+      Keep(std::string_view(small, size));
       return;
     }
     std::string large(size, '\0');
     va_start(args, format);
     std::vsnprintf(large.data(), size + 1, format, args);
     va_end(args);
-    AppendLine(large);
+    Keep(large);
+  } catch (...) {
+    // Out of memory: the line is lost, the call goes on.
+  }
+}
+
+void CSpyCall::Text(std::string_view line) noexcept {
+  if (!tracing_) return;
+  try {
+    Keep(line);
   } catch (...) {
     // Out of memory: the line is lost, the call goes on.
   }
@@ -41,6 +65,7 @@ void CSpyCall::FlushLines() noexcept {
 }
 
 CK_RV CSpyCall::Return(CK_RV rv) noexcept {
+  if (!tracing_) return rv;
   CNameBuffer buffer;
   const char* name = NameOf(CNameKind::kReturnValue, rv, buffer);
   if (micros_ < 0) {
@@ -51,9 +76,16 @@ CK_RV CSpyCall::Return(CK_RV rv) noexcept {
   return rv;
 }
 
-void CSpyCall::AppendLine(std::string_view text) {
-  // Room for the few lines of a usual call at once.
-  if (lines_.empty()) lines_.reserve(256);
+void CSpyCall::Keep(std::string_view text) {
+  if (!FitsFormat(text)) {
+    // As an argument the text reaches the log byte for byte.
+    FlushLines();
+    const std::string line(text);
+    TraceString("%s", line.c_str());
+    return;
+  }
+  // Room for the lines of a usual call at once.
+  if (lines_.empty()) lines_.reserve(512);
   for (std::size_t at; (at = text.find('%')) != std::string_view::npos;
        text.remove_prefix(at + 1)) {
     lines_.append(text.substr(0, at + 1));

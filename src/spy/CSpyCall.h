@@ -9,12 +9,12 @@
 
 #include "spy/CSpyModule.h"
 #include "spy/Pkcs11Interfaces.h"
+#include "spy/SpyTracing.h"
 #include "zelph/trace.h"
 
 namespace zelph {
 
-// Frames one PKCS#11 call in the log: "Entering" when made, the return value
-// and "Leaving" when done. Usage:
+// Frames one PKCS#11 call in the log. Usage:
 //
 //   CSpyCall call("C_Logout");
 //   call.Line("hSession = %lu", hSession);
@@ -22,43 +22,50 @@ namespace zelph {
 //   ... outputs through call.Line ...
 //   return call.Return(rv);
 //
-// Every trace call flushes the log, so the plain lines of a call are
-// collected and written together by one TraceString: the inputs right before
-// the call is forwarded, the outputs and the return value right before
-// "Leaving". Whoever writes anything else into the log in between (a dump of
-// the trace library, a line with a text of the module or the application)
-// calls FlushLines first, so that the log keeps the order of the lines.
+// Every trace call ends in a write to the log, and a write costs more than
+// all the formatting of a call. So a call takes three: "Entering" when it is
+// made, so that a host that dies inside the module leaves a log naming the
+// call it was in; then, after the module answered, its inputs (put together
+// before it was called), outputs and return value with one TraceString; then
+// "Leaving". A line that cannot pass through a TraceString format unchanged
+// (a text of the module or the application that is not plain ASCII on one
+// line) is written on its own in between, keeping the order of the lines.
+//
+// With tracing off in this process nothing is formatted or written; the call
+// only forwards.
 class CSpyCall {
  public:
-  explicit CSpyCall(const char* name) noexcept : name_(name) { TraceEnter(name_); }
+  explicit CSpyCall(const char* name) noexcept : name_(name), tracing_(IsSpyTracing()) {
+    if (tracing_) TraceEnter(name_);
+  }
   CSpyCall(const CSpyCall&) = delete;
   CSpyCall& operator=(const CSpyCall&) = delete;
   ~CSpyCall() {
+    if (!tracing_) return;
     FlushLines();
     TraceLeave(name_);
   }
 
-  // Adds one line, formatted like printf, to those the next FlushLines
-  // writes. Only for the spy's own texts (names, numbers, lengths): the lines
-  // become the format of a TraceString, which would recode a text of the
-  // module or the application and split it at its line breaks. Such a text
-  // is written after FlushLines by a TraceString of its own, as an argument.
+  // True when this call is traced; the line writers return at once otherwise.
+  bool IsTracing() const noexcept { return tracing_; }
+
+  // Adds one line, formatted like printf, to those written after the call.
   // A line that cannot be stored for lack of memory is lost.
   void Line(const char* format, ...) noexcept ZELPH_PRINTF(2, 3);
+
+  // Adds one line as it stands (a rendered row of a dump).
+  void Text(std::string_view line) noexcept;
 
   // Writes the collected lines, each behind the line prefix, with one
   // TraceString; nothing when there are none.
   void FlushLines() noexcept;
 
   // Calls the real module's `function` with `args` unchanged and returns its
-  // result, after writing the collected input lines; the time the module
-  // takes is kept for the "Returns" line. Before the module is loaded the
-  // result is CKR_CRYPTOKI_NOT_INITIALIZED; a module that leaves the function
-  // out of its list, or offers no 3.0 list for a 3.0 function, gets
-  // CKR_FUNCTION_NOT_SUPPORTED.
+  // result; the time the module takes is kept for the "Returns" line. Before the module is loaded
+  // the result is CKR_CRYPTOKI_NOT_INITIALIZED; a module that leaves the function out of its list,
+  // or offers no 3.0 list for a 3.0 function, gets CKR_FUNCTION_NOT_SUPPORTED.
   template <class Function, class... Args>
   CK_RV Forward(Function CK_FUNCTION_LIST_3_0::*function, Args... args) noexcept {
-    FlushLines();
     const CSpyModule* module = nullptr;
     try {
       module = &CSpyModule::Get();
@@ -80,11 +87,11 @@ class CSpyCall {
     return Call(target, args...);
   }
 
-  // Calls `target` of the real module with `args`, after writing the
-  // collected input lines, and keeps the time it takes.
+  // Calls `target` of the real module with `args` and keeps the time it
+  // takes.
   template <class Function, class... Args>
   CK_RV Call(Function target, Args... args) noexcept {
-    FlushLines();
+    if (!tracing_) return target(args...);
     const auto start = std::chrono::steady_clock::now();
     const CK_RV rv = target(args...);
     micros_ = std::chrono::duration_cast<std::chrono::microseconds>(
@@ -94,8 +101,7 @@ class CSpyCall {
   }
 
   // Adds the line naming the return value, with the module's time when the
-  // call reached it, and hands the value back; the line is written with the
-  // outputs before "Leaving".
+  // call reached it, and hands the value back.
   CK_RV Return(CK_RV rv) noexcept;
 
  private:
@@ -107,10 +113,12 @@ class CSpyCall {
                                     reinterpret_cast<const char*>(&kList));
   }
 
-  // Appends `text` as one more line of the collected format.
-  void AppendLine(std::string_view text);
+  // Appends `text` as one more line of the collected format, or writes it
+  // on its own when a format would change it.
+  void Keep(std::string_view text);
 
   const char* name_;
+  const bool tracing_;
   // The collected lines as a TraceString format: each ended by "\n", every
   // '%' doubled so that it prints as itself.
   std::string lines_;

@@ -162,14 +162,14 @@ const CK_FUNCTION_LIST_3_0 kSpyFunctions30 = {.version = {3, 0},
 // Loads the real module for `call` unless that was done; on failure says why
 // on standard error and in the log.
 bool LoadModule(CSpyCall& call) noexcept {
-  // Loading the module runs its code: the arguments are in the log before.
-  call.FlushLines();
   try {
+    // Loading runs the module's code, which may trace: the arguments go to
+    // the log before, as in the log of a module loaded by the host itself.
+    if (zelph::CSpyModule::Get().GetFunctions() == nullptr) call.FlushLines();
     std::string error;
     if (zelph::CSpyModule::Get().Load({&kSpyFunctions, &kSpyFunctions30}, error)) return true;
     std::fprintf(stderr, "zelph spy: %s\n", error.c_str());
-    // The text names the module's path: an argument, never the format.
-    TraceString("Cannot forward: %s", error.c_str());
+    call.Line("Cannot forward: %s", error.c_str());
   } catch (...) {
     std::fprintf(stderr, "zelph spy: cannot set up the forwarding to the PKCS#11 module\n");
   }

@@ -136,6 +136,7 @@ constexpr CDecoder kDecoders[] = {
 }  // namespace
 
 void TraceMechanismArgument(CSpyCall& call, const CK_MECHANISM* mechanism) noexcept {
+  if (!call.IsTracing()) return;
   if (mechanism == nullptr) {
     call.Line("pMechanism = NULL");
     return;

@@ -5,6 +5,8 @@
 #include <iterator>
 #include <string>
 
+#include "trace/AttributeRows.h"
+#include "trace/CLineBuffer.h"
 #include "zelph/trace.h"
 
 namespace zelph {
@@ -44,59 +46,37 @@ bool LibraryKnows(CK_ATTRIBUTE_TYPE type) noexcept {
   return std::strcmp(GetCkAttributeTypeString(type), "Unknown") != 0;
 }
 
-// An attribute the trace library does not know, in the shape of its dump's
-// lines: name, length, and the value as it shows an unknown type's.
-void WriteUnknownAttribute(const CK_ATTRIBUTE& attribute, bool omitValues) {
-  std::string value;
-  if (attribute.pValue == nullptr) {
-    value = "(data NULL)";
-  } else if (omitValues) {
-    value = "(data present)";
-  } else if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
-    value = "(unavailable)";
-  } else if (attribute.ulValueLen == 0) {
-    value = "(empty)";
-  } else {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    const auto* bytes = static_cast<const unsigned char*>(attribute.pValue);
-    for (CK_ULONG i = 0; i < attribute.ulValueLen; ++i) {
-      value += kDigits[bytes[i] >> 4];
-      value += kDigits[bytes[i] & 0xF];
+// Adds a template's rows to the lines of `call`, as the trace library's dump
+// writes them: the types it knows under its names, the others under their
+// standard names with their values in hexadecimal. After the module
+// answered, an attribute it could not give (length CK_UNAVAILABLE_INFORMATION)
+// is shown without the buffer it did not write.
+void AddTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count, bool omitValues,
+                 bool answered) noexcept {
+  try {
+    CLineBuffer row;
+    for (CK_ULONG i = 0; i < count; ++i) {
+      CK_ATTRIBUTE attribute = attributes[i];
+      if (answered && attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
+        attribute.pValue = nullptr;
+      }
+      CNameBuffer buffer;
+      const char* name = LibraryKnows(attribute.type)
+                             ? GetCkAttributeTypeString(attribute.type)
+                             : NameOf(CNameKind::kAttribute, attribute.type, buffer);
+      row.Clear();
+      if (AppendAttributeRow(row, {}, name, attribute, omitValues)) {
+        std::string_view text = row.View();
+        text.remove_suffix(1);  // the row's line break
+        call.Text(text);
+      } else {
+        call.Line("\t%s\tLen=%d\t(a text of %lu bytes, not shown)", name,
+                  Low32(attribute.ulValueLen), attribute.ulValueLen);
+      }
     }
+  } catch (...) {
+    call.Line("\t(%lu attributes not shown: out of memory)", count);
   }
-  CNameBuffer buffer;
-  TraceString("\t%s\tLen=%d\t%s", NameOf(CNameKind::kAttribute, attribute.type, buffer),
-              static_cast<int>(static_cast<unsigned>(attribute.ulValueLen)), value.c_str());
-}
-
-// Writes a template through the trace library's dump, a chunk of known types
-// at a time, and the types it does not know on lines of their own. After the
-// module answered, an attribute it could not give (length
-// CK_UNAVAILABLE_INFORMATION) is shown without the buffer it did not write.
-void WriteTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, bool omitValues,
-                   bool answered) noexcept {
-  CK_ATTRIBUTE chunk[16];
-  CK_ULONG size = 0;
-  const auto flush = [&] {
-    if (size > 0) TraceTemplate(chunk, size, omitValues ? CK_TRUE : CK_FALSE);
-    size = 0;
-  };
-  for (CK_ULONG i = 0; i < count; ++i) {
-    CK_ATTRIBUTE attribute = attributes[i];
-    if (answered && attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) attribute.pValue = nullptr;
-    if (LibraryKnows(attribute.type)) {
-      chunk[size++] = attribute;
-      if (size == std::size(chunk)) flush();
-      continue;
-    }
-    flush();
-    try {
-      WriteUnknownAttribute(attribute, omitValues);
-    } catch (...) {
-      TraceString("\t(attribute 0x%08lX not shown: out of memory)", attribute.type);
-    }
-  }
-  flush();
 }
 
 }  // namespace
@@ -110,6 +90,7 @@ void TraceFlags(CSpyCall& call, const char* name, CK_FLAGS value) noexcept {
 }
 
 void TraceNamedFlags(CSpyCall& call, const char* name, CFlagKind kind, CK_FLAGS value) noexcept {
+  if (!call.IsTracing()) return;
   try {
     call.Line("%s = %s", name, FlagText(kind, value).c_str());
   } catch (...) {
@@ -118,6 +99,7 @@ void TraceNamedFlags(CSpyCall& call, const char* name, CFlagKind kind, CK_FLAGS 
 }
 
 void TraceUserType(CSpyCall& call, const char* name, CK_USER_TYPE userType) noexcept {
+  if (!call.IsTracing()) return;
   CNameBuffer buffer;
   call.Line("%s = %s", name, NameOf(CNameKind::kUserType, userType, buffer));
 }
@@ -128,10 +110,9 @@ void TraceText(CSpyCall& call, const char* name, const CK_UTF8CHAR* text,
     call.Line("%s = NULL", name);
     return;
   }
-  call.FlushLines();
   // The precision bounds what is read; longer texts are cut, not overrun.
   const int shown = length > 256 ? 256 : static_cast<int>(length);
-  TraceString("%s = \"%.*s\"", name, shown, reinterpret_cast<const char*>(text));
+  call.Line("%s = \"%.*s\"", name, shown, reinterpret_cast<const char*>(text));
 }
 
 void TraceLabel(CSpyCall& call, const char* name, const CK_UTF8CHAR* label) noexcept {
@@ -178,7 +159,7 @@ void TraceOutputHandle(CSpyCall& call, const char* name, const CK_ULONG* handle,
 
 void TraceHandleList(CSpyCall& call, const char* name, const CK_ULONG* list,
                      CK_ULONG count) noexcept {
-  if (list == nullptr) return;
+  if (list == nullptr || !call.IsTracing()) return;
   try {
     std::string text;
     for (CK_ULONG i = 0; i < count; ++i) {
@@ -192,7 +173,7 @@ void TraceHandleList(CSpyCall& call, const char* name, const CK_ULONG* list,
 }
 
 void TraceMechanismList(CSpyCall& call, const CK_MECHANISM_TYPE* list, CK_ULONG count) noexcept {
-  if (list == nullptr) return;
+  if (list == nullptr || !call.IsTracing()) return;
   CNameBuffer buffer;
   for (CK_ULONG i = 0; i < count; ++i) {
     call.Line("pMechanismList[%lu] = %s", i, NameOf(CNameKind::kMechanism, list[i], buffer));
@@ -200,6 +181,7 @@ void TraceMechanismList(CSpyCall& call, const CK_MECHANISM_TYPE* list, CK_ULONG 
 }
 
 void TraceMechanismType(CSpyCall& call, const char* name, CK_MECHANISM_TYPE type) noexcept {
+  if (!call.IsTracing()) return;
   CNameBuffer buffer;
   call.Line("%s = %s", name, NameOf(CNameKind::kMechanism, type, buffer));
 }
@@ -211,8 +193,7 @@ void TraceInputTemplate(CSpyCall& call, const char* name, const CK_ATTRIBUTE* at
     return;
   }
   call.Line("%s: %lu attribute%s", name, count, Plural(count));
-  call.FlushLines();
-  WriteTemplate(attributes, count, false, false);
+  AddTemplate(call, attributes, count, false, false);
 }
 
 void TraceQueryTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count) noexcept {
@@ -221,8 +202,7 @@ void TraceQueryTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG
     return;
   }
   call.Line("pTemplate: %lu attribute%s asked for", count, Plural(count));
-  call.FlushLines();
-  WriteTemplate(attributes, count, true, false);
+  AddTemplate(call, attributes, count, true, false);
 }
 
 void TraceAnswerTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULONG count,
@@ -232,11 +212,11 @@ void TraceAnswerTemplate(CSpyCall& call, const CK_ATTRIBUTE* attributes, CK_ULON
                       rv == CKR_ATTRIBUTE_TYPE_INVALID || rv == CKR_BUFFER_TOO_SMALL;
   if (attributes == nullptr || !filled) return;
   call.Line("pTemplate: %lu attribute%s answered", count, Plural(count));
-  call.FlushLines();
-  WriteTemplate(attributes, count, false, true);
+  AddTemplate(call, attributes, count, false, true);
 }
 
 void TraceInitArgs(CSpyCall& call, const void* initArgs) noexcept {
+  if (!call.IsTracing()) return;
   if (initArgs == nullptr) {
     call.Line("pInitArgs = NULL");
     return;
@@ -253,39 +233,28 @@ void TraceInitArgs(CSpyCall& call, const void* initArgs) noexcept {
   }
 }
 
-// The module's texts are arguments of a format of the spy's own, so that they
-// reach the log as the module gave them.
 void TraceInfo(CSpyCall& call, const CK_INFO& info) noexcept {
-  call.FlushLines();
-  TraceString(
-      "cryptokiVersion = %d.%d\n"
-      "manufacturerID = \"%.32s\"\n"
-      "flags = 0x%08lX\n"
-      "libraryDescription = \"%.32s\"\n"
-      "libraryVersion = %d.%d",
-      info.cryptokiVersion.major, info.cryptokiVersion.minor, Text(info.manufacturerID), info.flags,
-      Text(info.libraryDescription), info.libraryVersion.major, info.libraryVersion.minor);
+  call.Line("cryptokiVersion = %d.%d", info.cryptokiVersion.major, info.cryptokiVersion.minor);
+  call.Line("manufacturerID = \"%.32s\"", Text(info.manufacturerID));
+  call.Line("flags = 0x%08lX", info.flags);
+  call.Line("libraryDescription = \"%.32s\"", Text(info.libraryDescription));
+  call.Line("libraryVersion = %d.%d", info.libraryVersion.major, info.libraryVersion.minor);
 }
 
 void TraceSlotInfo(CSpyCall& call, const CK_SLOT_INFO& info) noexcept {
-  call.FlushLines();
-  TraceString(
-      "slotDescription = \"%.64s\"\n"
-      "manufacturerID = \"%.32s\"",
-      Text(info.slotDescription), Text(info.manufacturerID));
+  call.Line("slotDescription = \"%.64s\"", Text(info.slotDescription));
+  call.Line("manufacturerID = \"%.32s\"", Text(info.manufacturerID));
   TraceNamedFlags(call, "flags", CFlagKind::kSlot, info.flags);
   call.Line("hardwareVersion = %d.%d", info.hardwareVersion.major, info.hardwareVersion.minor);
   call.Line("firmwareVersion = %d.%d", info.firmwareVersion.major, info.firmwareVersion.minor);
 }
 
 void TraceTokenInfo(CSpyCall& call, const CK_TOKEN_INFO& info) noexcept {
-  call.FlushLines();
-  TraceString(
-      "label = \"%.32s\"\n"
-      "manufacturerID = \"%.32s\"\n"
-      "model = \"%.16s\"\n"
-      "serialNumber = \"%.16s\"",
-      Text(info.label), Text(info.manufacturerID), Text(info.model), Text(info.serialNumber));
+  if (!call.IsTracing()) return;
+  call.Line("label = \"%.32s\"", Text(info.label));
+  call.Line("manufacturerID = \"%.32s\"", Text(info.manufacturerID));
+  call.Line("model = \"%.16s\"", Text(info.model));
+  call.Line("serialNumber = \"%.16s\"", Text(info.serialNumber));
   TraceNamedFlags(call, "flags", CFlagKind::kToken, info.flags);
   try {
     call.Line("ulMaxSessionCount = %s, ulSessionCount = %s", Count(info.ulMaxSessionCount).c_str(),
@@ -302,8 +271,7 @@ void TraceTokenInfo(CSpyCall& call, const CK_TOKEN_INFO& info) noexcept {
   }
   call.Line("hardwareVersion = %d.%d", info.hardwareVersion.major, info.hardwareVersion.minor);
   call.Line("firmwareVersion = %d.%d", info.firmwareVersion.major, info.firmwareVersion.minor);
-  call.FlushLines();
-  TraceString("utcTime = \"%.16s\"", Text(info.utcTime));
+  call.Line("utcTime = \"%.16s\"", Text(info.utcTime));
 }
 
 void TraceMechanismInfo(CSpyCall& call, const CK_MECHANISM_INFO& info) noexcept {
@@ -312,6 +280,7 @@ void TraceMechanismInfo(CSpyCall& call, const CK_MECHANISM_INFO& info) noexcept 
 }
 
 void TraceSessionInfo(CSpyCall& call, const CK_SESSION_INFO& info) noexcept {
+  if (!call.IsTracing()) return;
   CNameBuffer buffer;
   call.Line("slotID = %lu", info.slotID);
   call.Line("state = %s", NameOf(CNameKind::kSessionState, info.state, buffer));
@@ -321,6 +290,7 @@ void TraceSessionInfo(CSpyCall& call, const CK_SESSION_INFO& info) noexcept {
 
 void TraceInterfaceRequest(CSpyCall& call, const CK_UTF8CHAR* name, const CK_VERSION* version,
                            CK_FLAGS flags) noexcept {
+  if (!call.IsTracing()) return;
   // A name is the caller's C string; the bound keeps a missing end in check.
   TraceText(call, "pInterfaceName", name, name == nullptr ? 0 : strnlen(Text(name), 256));
   if (version == nullptr) {
@@ -332,6 +302,7 @@ void TraceInterfaceRequest(CSpyCall& call, const CK_UTF8CHAR* name, const CK_VER
 }
 
 void TraceInterface(CSpyCall& call, const char* name, const CK_INTERFACE& interface) noexcept {
+  if (!call.IsTracing()) return;
   CK_VERSION version;
   std::memcpy(&version, interface.pFunctionList, sizeof version);
   call.Line("%s = \"%s\" %d.%d, flags = 0x%08lX", name, Text(interface.pInterfaceName),
@@ -339,6 +310,7 @@ void TraceInterface(CSpyCall& call, const char* name, const CK_INTERFACE& interf
 }
 
 void TraceInterfaceList(CSpyCall& call, std::span<const CK_INTERFACE> interfaces) noexcept {
+  if (!call.IsTracing()) return;
   for (std::size_t i = 0; i < interfaces.size(); ++i) {
     char name[48];
     std::snprintf(name, sizeof name, "pInterfacesList[%zu]", i);

@@ -4,9 +4,9 @@
 // withhold key material) are written: never a PIN, never the bytes of data,
 // signatures, ciphertexts, wrapped keys, random numbers or operation states.
 //
-// Each function adds its lines to those `call` collects; one that passes a
-// structure to a dump of the trace library, or writes a text of the module or
-// the application, writes the collected lines first to keep their order.
+// Each function adds its lines to those `call` collects and writes after the
+// module answered; a template is added as the rows of the trace library's
+// template dump. Nothing is formatted when the call is not traced.
 #pragma once
 
 #include <p11-kit/pkcs11.h>

@@ -9,9 +9,11 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <utility>
 
 #include "common/config/ConfigFile.h"
 #include "trace/CLineBuffer.h"
+#include "trace/TraceSettings.h"
 
 namespace zelph {
 namespace {
@@ -21,7 +23,6 @@ constexpr const char kArch[] = "x86_64";
 constexpr const char kMiddlewarePath[] = "/usr/lib/Zwmware";
 constexpr const char kMiddlewareVersion[] = "6.20.5.0";
 constexpr const char kOsVersion[] = "linux.workstation";
-constexpr const char kSection[] = "Quillon";
 
 // Created at load so that the first trace call of two racing threads already
 // finds it. If the system refuses a mutex, the library stays silent instead of
@@ -36,10 +37,13 @@ std::optional<CMutex> MakeTraceLock() noexcept {
 std::optional<CMutex> g_traceLock = MakeTraceLock();
 
 // The trace directory is read once per process from the shared configuration.
-// Returns null when no directory is configured.
-const CUTF8String* GetTraceDirectory() {
-  static const std::optional<CUTF8String> directory = []() -> std::optional<CUTF8String> {
-    CUTF8String value = GetSharedConfig().GetSection(kSection).GetValue("Trace");
+// `loaded`, the configuration the caller has just read, becomes the shared one
+// when that is not loaded yet, so that the file is read once. Returns null when
+// no directory is configured.
+const CUTF8String* GetTraceDirectory(std::unique_ptr<CConfigSection> loaded) {
+  static const std::optional<CUTF8String> directory = [&]() -> std::optional<CUTF8String> {
+    CUTF8String value =
+        ShareConfig(std::move(loaded)).GetSection(kTraceSection).GetValue(kTraceDirectoryKey);
     if (value.IsEmpty()) return std::nullopt;
     return value;
   }();
@@ -82,12 +86,9 @@ void WriteHeader() {
 }
 
 bool OpenTraceSession() {
-  int enabled = 0;
-  {
-    std::unique_ptr<CConfigSection> config = OpenConfig();
-    enabled = config->GetSection(kSection).GetIntValue("EnableTrace", 0);
-  }
-  const CUTF8String* directory = GetTraceDirectory();
+  std::unique_ptr<CConfigSection> config = OpenConfig();
+  const int enabled = config->GetSection(kTraceSection).GetIntValue(kEnableTraceKey, 0);
+  const CUTF8String* directory = GetTraceDirectory(std::move(config));
   if (directory == nullptr || enabled == 0) return false;
 
   const std::tm t = LocalNow();

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
@@ -320,6 +321,30 @@ std::string RunProgram(std::vector<std::string> command,
   return RunToEnd({std::move(command), {}, std::move(environment), {}});
 }
 
+// The write() calls this process has made so far.
+long long WriteCalls() {
+  const std::string io = ReadFile("/proc/self/io");
+  const std::size_t at = io.find("syscw: ");
+  return at == std::string::npos ? -1 : std::stoll(io.substr(at + 7));
+}
+
+// The writes of a call whose lines between "Entering" and "Returns" are
+// `lines` ('|'-separated): "Entering", the rest and "Leaving", and for a line
+// that a format would recode (not ASCII) one of its own after the lines
+// before it.
+int WritesOfCall(const std::string& lines) {
+  int writes = 3;
+  bool pending = false;
+  std::size_t start = 0;
+  for (std::size_t end; (end = lines.find('|', start)) != std::string::npos; start = end + 1) {
+    const auto line = std::string_view(lines).substr(start, end - start);
+    const bool own = std::any_of(line.begin(), line.end(), [](char c) { return c & 0x80; });
+    writes += own ? 1 + pending : 0;
+    pending = !own;
+  }
+  return writes;
+}
+
 // First in the process: the misconfigured C_Initialize calls need a spy that
 // has not loaded a module yet. C_Initialize loads it for the whole process.
 TEST(SpyTest, EveryCallReachesTheModuleUnchangedAndIsLoggedWithoutSecrets) {
@@ -331,7 +356,13 @@ TEST(SpyTest, EveryCallReachesTheModuleUnchangedAndIsLoggedWithoutSecrets) {
     out[0] = 64;
     const std::size_t from = ReadLogs(TraceThisProcess()).size();
     testing::internal::CaptureStderr();
+    const long long writesBefore = WriteCalls();
     EXPECT_EQ(run(), rv) << "the module's result did not reach the caller";
+    // Loading the module writes the inputs first.
+    if (forwarded && std::string_view(name) != "C_Initialize") {
+      EXPECT_EQ(WriteCalls() - writesBefore, WritesOfCall(lines))
+          << "not three writes to the log for the call";
+    }
     EXPECT_EQ(CountOf(testing::internal::GetCapturedStderr(), "zelph spy: "),
               CountOf(lines, "Cannot forward: "))
         << "no line on standard error saying why";

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <utility>
 
 namespace zelph {
 
@@ -18,11 +19,26 @@ CUTF8String GetConfigFilePath() {
   return CUTF8String("/etc/zelph.conf");
 }
 
-CConfigSection& GetSharedConfig() {
-  // Loaded once under the guard for function-local statics, so concurrent
-  // first calls share one load; destroyed at process exit.
-  static const std::unique_ptr<CConfigSection> shared = CConfigSection::Load(GetConfigFilePath());
+namespace {
+
+// The shared configuration, made on the first call: from `loaded` when the
+// caller brings one, else loaded from the file. Made under the guard for
+// function-local statics, so concurrent first calls share one load; destroyed
+// at process exit.
+CConfigSection& SharedConfig(std::unique_ptr<CConfigSection>* loaded) {
+  static const std::unique_ptr<CConfigSection> shared =
+      loaded != nullptr && *loaded ? std::move(*loaded) : CConfigSection::Load(GetConfigFilePath());
   return *shared;
+}
+
+}  // namespace
+
+CConfigSection& GetSharedConfig() {
+  return SharedConfig(nullptr);
+}
+
+CConfigSection& ShareConfig(std::unique_ptr<CConfigSection> loaded) {
+  return SharedConfig(&loaded);
 }
 
 std::unique_ptr<CConfigSection> OpenConfig() {

@@ -20,6 +20,12 @@ CUTF8String GetConfigFilePath();
 // of the files do not reach it.
 CConfigSection& GetSharedConfig();
 
+// GetSharedConfig for a caller that has just loaded the file itself
+// (OpenConfig): when the shared configuration is not loaded yet, `loaded`
+// becomes it, which saves reading the file a second time; otherwise `loaded`
+// is dropped.
+CConfigSection& ShareConfig(std::unique_ptr<CConfigSection> loaded);
+
 // A new configuration loaded from GetConfigFilePath() as the file is now.
 std::unique_ptr<CConfigSection> OpenConfig();
 
