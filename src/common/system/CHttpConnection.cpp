@@ -1,6 +1,8 @@
 #include "common/system/CHttpConnection.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <string>
 
 #include "common/base/CException.h"
 #include "common/base/CTFmtArgs.h"
@@ -32,11 +35,41 @@ constexpr std::int32_t kMaxChunk = std::numeric_limits<std::int32_t>::max();
   throw CHttpException(CUTF8String(prefix) + description);
 }
 
+// Throws `prefix` followed by the time-out that ran out.
+[[noreturn]] void ThrowTimedOut(const char* prefix, std::chrono::milliseconds timeout) {
+  throw CHttpException(CUTF8String(prefix) + "timed out after " +
+                       std::to_string(timeout.count()).c_str() + " ms");
+}
+
+// True for the errors a socket time-out gives.
+bool IsTimeout(int error) noexcept {
+  return error == EAGAIN || error == EWOULDBLOCK;
+}
+
 }  // namespace
 
 CHttpConnection::CHttpConnection() noexcept = default;
 
-CHttpConnection::CHttpConnection(int descriptor) noexcept : descriptor_(descriptor) {}
+CHttpConnection::CHttpConnection(int descriptor) noexcept : descriptor_(descriptor) {
+  ApplyTimeout();
+}
+
+void CHttpConnection::SetTimeout(std::chrono::milliseconds timeout) noexcept {
+  timeout_ =
+      timeout < std::chrono::milliseconds::zero() ? std::chrono::milliseconds::zero() : timeout;
+  ApplyTimeout();
+}
+
+void CHttpConnection::ApplyTimeout() const noexcept {
+  if (descriptor_ < 0) return;
+  // Socket time-outs bound every blocking receive and send, those of the TLS
+  // layer on the same descriptor included.
+  timeval limit{};
+  limit.tv_sec = static_cast<time_t>(timeout_.count() / 1000);
+  limit.tv_usec = static_cast<suseconds_t>(timeout_.count() % 1000 * 1000);
+  setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
 
 CHttpConnection::~CHttpConnection() {
   if (descriptor_ >= 0) close(descriptor_);
@@ -61,8 +94,9 @@ void CHttpConnection::Connect(const CUrl& url) {
   name_ = url.host;
   const std::uint32_t address = ResolveHost(url.host);
   // Close-on-exec, so that programs the host process starts do not keep
-  // the connection open.
-  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  // the connection open. Non-blocking while connecting, so that the connect
+  // can be given up after the time-out.
+  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (descriptor < 0) ThrowSystem("Unable to create socket: ", errno);
   descriptor_ = descriptor;
 
@@ -72,7 +106,36 @@ void CHttpConnection::Connect(const CUrl& url) {
   peer.sin_addr.s_addr = address;
   static_assert(sizeof peer == 16);
   if (connect(descriptor_, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
+    if (errno != EINPROGRESS) ThrowSystem("Connection failed: ", errno);
+    AwaitConnect();
+  }
+  const int flags = fcntl(descriptor_, F_GETFL);
+  if (flags < 0 || fcntl(descriptor_, F_SETFL, flags & ~O_NONBLOCK) != 0) {
     ThrowSystem("Connection failed: ", errno);
+  }
+  ApplyTimeout();
+}
+
+void CHttpConnection::AwaitConnect() {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + timeout_;
+  for (;;) {
+    int wait = -1;
+    if (timeout_.count() > 0) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      wait = static_cast<int>(std::clamp<long long>(left, 0, std::numeric_limits<int>::max()));
+    }
+    pollfd entry{descriptor_, POLLOUT, 0};
+    const int ready = poll(&entry, 1, wait);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0) ThrowSystem("Connection failed: ", errno);
+    if (ready == 0) ThrowSystem("Connection failed: ", ETIMEDOUT);
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (getsockopt(descriptor_, SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
+    if (error != 0) ThrowSystem("Connection failed: ", error);
+    return;
   }
 }
 
@@ -86,6 +149,7 @@ void CHttpConnection::SendBytes(const void* bytes, std::uint64_t count) {
     if (sent < 0) {
       const int error = errno;
       if (error == EINTR) continue;
+      if (IsTimeout(error)) ThrowTimedOut("Unable to send data: ", timeout_);
       ThrowSystem("Unable to send data: ", error);
     }
     if (sent == 0) ThrowHttp("Sent zero bytes");
@@ -115,6 +179,7 @@ std::int32_t CHttpConnection::ReceiveChecked(void* buffer, std::int32_t capacity
     const std::int32_t received = RawReceive(buffer, capacity);
     if (received >= 0) return received;
     const int error = errno;
+    if (IsTimeout(error)) ThrowTimedOut("Unable to receive data: ", timeout_);
     if (error != EINTR) ThrowSystem("Unable to receive data: ", error);
   }
 }
@@ -182,11 +247,26 @@ bool CHttpConnection::ReceiveLine(CISOString& line) {
   }
 }
 
-CByteBuffer CHttpConnection::ReceiveAll() {
+namespace {
+
+[[noreturn]] void ThrowBodyTooLarge(std::uint64_t maxSize) {
+  throw CHttpException(CUTF8String("HTTP body larger than ") + std::to_string(maxSize).c_str() +
+                       " bytes");
+}
+
+}  // namespace
+
+CByteBuffer CHttpConnection::ReceiveAll(std::uint64_t maxSize) {
   CByteBuffer body;
   std::size_t size = 0;
   for (;;) {
-    if (body.size() - size < kBufferSize) body.resize(size + std::max(kBufferSize, size / 2));
+    if (size > maxSize) ThrowBodyTooLarge(maxSize);
+    if (body.size() - size < kBufferSize) {
+      // One byte past the bound is enough to tell that it was passed.
+      const std::uint64_t limit = maxSize + 1;
+      body.resize(std::max<std::uint64_t>(
+          size + 1, std::min<std::uint64_t>(size + std::max(kBufferSize, size / 2), limit)));
+    }
     const auto room =
         static_cast<std::int32_t>(std::min<std::size_t>(body.size() - size, kMaxChunk));
     const std::int32_t received = Receive(body.data() + size, room);
@@ -197,7 +277,8 @@ CByteBuffer CHttpConnection::ReceiveAll() {
   return body;
 }
 
-CByteBuffer CHttpConnection::ReceiveBytes(std::uint64_t count) {
+CByteBuffer CHttpConnection::ReceiveBytes(std::uint64_t count, std::uint64_t maxSize) {
+  if (count > maxSize) ThrowBodyTooLarge(maxSize);
   CByteBuffer body;
   while (body.size() < count) {
     const std::size_t size = body.size();
@@ -236,8 +317,9 @@ void CHttpConnection::Post(const CUrl& url, const CISOString& body) {
 
 void CHttpConnection::ReadResponseHead() {
   headers_.clear();
+  BeginHead();
   CISOString line;
-  if (!ReceiveLine(line)) ThrowHttp("Bad HTTP response");
+  if (!ReceiveHeadLine(line)) ThrowHttp("Bad HTTP response");
   status_ = ParseStatusLine(line.View());
   ReadHeaders("Bad HTTP response");
 }
@@ -248,11 +330,18 @@ void CHttpConnection::ReadHeaders(const char* errorText) {
   CISOString name;
   CISOString value;
   for (;;) {
-    if (!ReceiveLine(line)) ThrowHttp(errorText);
+    if (!ReceiveHeadLine(line)) ThrowHttp(errorText);
     if (line.IsEmpty()) return;
     if (!ParseHeaderLine(line.View(), name, value)) ThrowHttp(errorText);
     AddHeader(headers_, name, value);
   }
+}
+
+bool CHttpConnection::ReceiveHeadLine(CISOString& line) {
+  if (!ReceiveLine(line)) return false;
+  headBytes_ += line.Size() + 2;
+  if (++headLines_ > kMaxHeadLines || headBytes_ > kMaxHeadSize) ThrowHttp("HTTP head too large");
+  return true;
 }
 
 CISOString CHttpConnection::GetHeader(std::string_view name) const {

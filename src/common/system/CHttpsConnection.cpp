@@ -1,31 +1,21 @@
 #include "common/system/CHttpsConnection.h"
 
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
-
 #include <cerrno>
 #include <string>
 
 #include "common/base/CException.h"
+#include "common/system/COpenSslLibrary.h"
 #include "common/system/CSigPipeBlock.h"
 #include "zelph/trace.h"
 
 namespace zelph {
 namespace {
 
-struct CX509Free {
-  void operator()(X509* certificate) const noexcept { X509_free(certificate); }
-};
-struct COpenSslFree {
-  void operator()(char* text) const noexcept { OPENSSL_free(text); }
-};
-
 // OpenSSL's text for `code`. The caller's buffer keeps it safe from other
 // threads, unlike the shared one ERR_error_string uses without a buffer.
-std::string ErrorText(unsigned long code) {
+std::string ErrorText(const COpenSslLibrary& ssl, unsigned long code) {
   char buffer[256];
-  ERR_error_string_n(code, buffer, sizeof buffer);
+  ssl.ERR_error_string_n(code, buffer, sizeof buffer);
   return buffer;
 }
 
@@ -36,57 +26,74 @@ std::string ErrorText(unsigned long code) {
 // Traces the subject of the server's certificate and refuses it: without
 // validation no certificate can be trusted. A server without a certificate
 // is accepted.
-void CheckServerCertificate(SSL* session) {
-  const std::unique_ptr<X509, CX509Free> certificate(SSL_get1_peer_certificate(session));
+void CheckServerCertificate(const COpenSslLibrary& ssl, SSL* session) {
+  const auto freeCertificate = [&ssl](X509* certificate) { ssl.X509_free(certificate); };
+  const std::unique_ptr<X509, decltype(freeCertificate)> certificate(
+      ssl.SSL_get1_peer_certificate(session), freeCertificate);
   if (certificate == nullptr) return;
 
   TraceString("Server certificates:");
-  const std::unique_ptr<char, COpenSslFree> subject(
-      X509_NAME_oneline(X509_get_subject_name(certificate.get()), nullptr, 0));
+  // What OPENSSL_free expands to.
+  const auto freeText = [&ssl](char* text) { ssl.CRYPTO_free(text, OPENSSL_FILE, OPENSSL_LINE); };
+  const std::unique_ptr<char, decltype(freeText)> subject(
+      ssl.X509_NAME_oneline(ssl.X509_get_subject_name(certificate.get()), nullptr, 0), freeText);
   TraceString("\tSubject: %s", subject != nullptr ? subject.get() : "");
 
-  if (i2d_X509(certificate.get(), nullptr) != 0) ThrowHttp("SSL check certificate not implemented");
+  if (ssl.i2d_X509(certificate.get(), nullptr) != 0) {
+    ThrowHttp("SSL check certificate not implemented");
+  }
   ThrowHttp("Unable to convert cert");
 }
 
 }  // namespace
 
 void CHttpsConnection::CSessionFree::operator()(SSL* session) const noexcept {
-  SSL_free(session);
+  ssl->SSL_free(session);
 }
 
 void CHttpsConnection::CContextFree::operator()(SSL_CTX* context) const noexcept {
-  SSL_CTX_free(context);
+  ssl->SSL_CTX_free(context);
 }
 
-CHttpsConnection::CHttpsConnection() {
-  OPENSSL_init_ssl(0, nullptr);
-  context_.reset(SSL_CTX_new(TLS_client_method()));
+CHttpsConnection::CHttpsConnection()
+    : ssl_(OpenSsl()), session_(nullptr, {&ssl_}), context_(nullptr, {&ssl_}) {
+  ssl_.OPENSSL_init_ssl(0, nullptr);
+  context_.reset(ssl_.SSL_CTX_new(ssl_.TLS_client_method()));
   if (context_ == nullptr) TraceString("ERROR: Unable to create SSL context");
-  session_.reset(SSL_new(context_.get()));
+  session_.reset(ssl_.SSL_new(context_.get()));
   // OpenSSL 3 reports a close without the TLS close message as an error;
   // HTTP/1.0 servers end their bodies that way.
-  if (session_ != nullptr) SSL_set_options(session_.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+  if (session_ != nullptr) ssl_.SSL_set_options(session_.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
 }
 
 CHttpsConnection::CHttpsConnection(int descriptor, SSL_CTX* context)
-    : CHttpConnection(descriptor), session_(SSL_new(context)) {
-  if (session_ == nullptr) ThrowHttp("SSL accept failed: " + ErrorText(ERR_get_error()));
-  SSL_set_options(session_.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
-  SSL_set_fd(session_.get(), descriptor);
-  ERR_clear_error();
+    : CHttpConnection(descriptor),
+      ssl_(OpenSsl()),
+      session_(ssl_.SSL_new(context), {&ssl_}),
+      context_(nullptr, {&ssl_}) {
+  if (session_ == nullptr) ThrowHttp("SSL accept failed: " + ErrorText(ssl_, ssl_.ERR_get_error()));
+  ssl_.SSL_set_options(session_.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+  ssl_.SSL_set_fd(session_.get(), descriptor);
+  ssl_.ERR_clear_error();
   int result;
   {
     const CSigPipeBlock noSigPipe;
-    result = SSL_accept(session_.get());
+    result = ssl_.SSL_accept(session_.get());
   }
-  if (result < 1) ThrowHttp("SSL accept failed: " + ErrorText(ERR_get_error()));
+  if (result < 1) {
+    const int kind = ssl_.SSL_get_error(session_.get(), result);
+    if (kind == SSL_ERROR_WANT_READ || kind == SSL_ERROR_WANT_WRITE) {
+      ThrowHttp("SSL accept failed: handshake timed out after " +
+                std::to_string(GetTimeout().count()) + " ms");
+    }
+    ThrowHttp("SSL accept failed: " + ErrorText(ssl_, ssl_.ERR_get_error()));
+  }
 }
 
 CHttpsConnection::~CHttpsConnection() {
-  if (session_ != nullptr && SSL_is_init_finished(session_.get())) {
+  if (session_ != nullptr && ssl_.SSL_is_init_finished(session_.get())) {
     const CSigPipeBlock noSigPipe;
-    SSL_shutdown(session_.get());
+    ssl_.SSL_shutdown(session_.get());
   }
   session_.reset();
   context_.reset();
@@ -94,18 +101,18 @@ CHttpsConnection::~CHttpsConnection() {
 
 std::int32_t CHttpsConnection::RawSend(const void* buffer, std::int32_t length) {
   const CSigPipeBlock noSigPipe;
-  ERR_clear_error();
-  return SSL_write(session_.get(), buffer, length);
+  ssl_.ERR_clear_error();
+  return ssl_.SSL_write(session_.get(), buffer, length);
 }
 
 std::int32_t CHttpsConnection::RawReceive(void* buffer, std::int32_t capacity) {
   // Reading may write too (TLS 1.3 key updates).
   const CSigPipeBlock noSigPipe;
-  ERR_clear_error();  // SSL_get_error reads the queue
-  const int received = SSL_read(session_.get(), buffer, capacity);
+  ssl_.ERR_clear_error();  // SSL_get_error reads the queue
+  const int received = ssl_.SSL_read(session_.get(), buffer, capacity);
   // SSL_read gives 0 for failures too; only the peer's close may look like
   // the end of the stream, or a damaged session would cut a body short.
-  if (received <= 0 && SSL_get_error(session_.get(), received) != SSL_ERROR_ZERO_RETURN) {
+  if (received <= 0 && ssl_.SSL_get_error(session_.get(), received) != SSL_ERROR_ZERO_RETURN) {
     if (errno == 0) errno = EPROTO;
     return -1;
   }
@@ -118,23 +125,32 @@ void CHttpsConnection::Open(const CUrl& url) {
   Connect(url);
 
   SSL* const session = session_.get();
-  if (session == nullptr) ThrowHttp("SSL connect failed: " + ErrorText(ERR_get_error()));
-  SSL_set_fd(session, GetDescriptor());
-  if (SSL_set_tlsext_host_name(session, url.host.c_str()) == 0) {
+  if (session == nullptr) ThrowHttp("SSL connect failed: " + ErrorText(ssl_, ssl_.ERR_get_error()));
+  ssl_.SSL_set_fd(session, GetDescriptor());
+  // SSL_set_tlsext_host_name, which OpenSSL defines as a macro over SSL_ctrl.
+  if (ssl_.SSL_ctrl(session, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                    const_cast<char*>(url.host.c_str())) == 0) {
     ThrowHttp("SSL connect failed: unable to set tlsext host name");
   }
-  ERR_clear_error();
+  ssl_.ERR_clear_error();
   int result;
   {
     const CSigPipeBlock noSigPipe;
-    result = SSL_connect(session);
+    result = ssl_.SSL_connect(session);
   }
   if (result < 1) {
-    const int kind = SSL_get_error(session, result);
-    if (kind == SSL_ERROR_SSL) ThrowHttp("SSL connect failed: " + ErrorText(ERR_get_error()));
+    const int kind = ssl_.SSL_get_error(session, result);
+    // On a blocking socket only its time-out makes the handshake wait again.
+    if (kind == SSL_ERROR_WANT_READ || kind == SSL_ERROR_WANT_WRITE) {
+      ThrowHttp("SSL connect failed: handshake timed out after " +
+                std::to_string(GetTimeout().count()) + " ms");
+    }
+    if (kind == SSL_ERROR_SSL) {
+      ThrowHttp("SSL connect failed: " + ErrorText(ssl_, ssl_.ERR_get_error()));
+    }
     ThrowHttp("SSL connect failed: " + std::to_string(kind));
   }
-  CheckServerCertificate(session);
+  CheckServerCertificate(ssl_, session);
 }
 
 }  // namespace zelph

@@ -1,4 +1,5 @@
-// The TLS variant of the HTTP connection, on OpenSSL.
+// The TLS variant of the HTTP connection, on OpenSSL 3, which the first
+// connection loads (COpenSslLibrary).
 #pragma once
 
 #include <openssl/types.h>
@@ -9,6 +10,8 @@
 #include "common/system/CHttpConnection.h"
 
 namespace zelph {
+
+class COpenSslLibrary;
 
 // An HTTP connection whose bytes travel through a TLS session. Everything
 // above the raw transfer (lines, requests, responses) is the base's.
@@ -23,6 +26,8 @@ class CHttpsConnection final : public CHttpConnection {
   // A client connection with its own context on the library's default
   // client settings. A context that cannot be made is traced ("ERROR: Unable
   // to create SSL context") and makes Open fail with "SSL connect failed: ".
+  // Throws CHttpException "Unable to load libssl.so.3: ..." or "Unable to
+  // find <function> in libssl.so.3" when OpenSSL 3 is missing (OpenSsl()).
   CHttpsConnection();
   // The server side on `descriptor`, a socket a listener accepted: performs
   // the TLS accept with `context`, which stays the caller's. The connection
@@ -51,12 +56,15 @@ class CHttpsConnection final : public CHttpConnection {
 
  private:
   struct CSessionFree {
+    const COpenSslLibrary* ssl;
     void operator()(SSL* session) const noexcept;
   };
   struct CContextFree {
+    const COpenSslLibrary* ssl;
     void operator()(SSL_CTX* context) const noexcept;
   };
 
+  const COpenSslLibrary& ssl_;  // first: loaded before anything uses it
   std::unique_ptr<SSL, CSessionFree> session_;
   std::unique_ptr<SSL_CTX, CContextFree> context_;  // null on the server side
 };

@@ -7,8 +7,13 @@ namespace zelph {
 
 CHttpRequestLine ReadHttpRequest(CHttpConnection& connection) {
   CISOString line;
+  // The blank lines before the request count against the head's bounds, so
+  // that a stream of them cannot hold the connection for ever.
+  connection.BeginHead();
   do {
-    if (!connection.ReceiveLine(line)) throw CHttpException(CUTF8String("Bad HTTP request"));
+    if (!connection.ReceiveHeadLine(line)) {
+      throw CHttpException(CUTF8String("Bad HTTP request"));
+    }
   } while (line.IsEmpty());
   CHttpRequestLine request = ParseRequestLine(line.View());
   connection.ReadHeaders("Bad HTTP request");

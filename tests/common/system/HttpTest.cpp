@@ -1,11 +1,15 @@
 // HTTP, HTTPS, multipart bodies and the update client against real peers: socket pairs, loopback.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <thread>
 
 #include "CChildProcess.h"
 #include "CLoopbackListener.h"
@@ -298,6 +302,114 @@ TEST(UpdateClient, ListsAndDownloadsWithEncodedQueriesAndTracesEachStep) {
       OutcomeOf([&] { return DownloadFile(refused.c_str(), "d", "n", dir.File("f").c_str()), ""; }),
       "Connection failed: Connection refused");
   EXPECT_TRUE(ReadFile(dir.File("f")) == body + "\r\n") << "a failed download changed the file";
+}
+
+// Each hostile peer ends the call in a clear exception within the time-out
+// (300 ms here) and the bounds; the address space is limited to 2 GiB (but
+// for sanitizer builds, whose shadow memory needs more), so that a missing
+// bound fails instead of exhausting the machine.
+TEST(HttpLimits, HostilePeersEndInClearExceptionsWithinTheTimeOutAndTheBounds) {
+  rlimit before{};
+  getrlimit(RLIMIT_AS, &before);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  rlimit bounded = before;
+  bounded.rlim_cur = std::min<rlim_t>(before.rlim_cur, rlim_t{2} << 30);
+  setrlimit(RLIMIT_AS, &bounded);
+#endif
+  const CHttpLimits limits{std::chrono::milliseconds(300), 1 << 20};
+  // Each handler reads the request, answers, and closes its descriptor: after an RST (SO_LINGER 0)
+  // at once, otherwise once the client has given up.
+  const auto sendThen = [](std::string first, std::string again, bool reset) {
+    return [=](int fd) {
+      char request[4096];
+      recv(fd, request, sizeof request, 0);
+      send(fd, first.data(), first.size(), MSG_NOSIGNAL);
+      while (!again.empty() && send(fd, again.data(), again.size(), MSG_NOSIGNAL) > 0) {
+      }
+      const linger abort{1, 0};
+      if (reset) setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+      for (char b[4096]; !reset && recv(fd, b, sizeof b, 0) > 0;) {
+      }
+      close(fd);
+    };
+  };
+  const auto quietUntilClosed = sendThen("", "", false);
+  const std::string head = "HTTP/1.0 200 OK\r\n\r\n", timedOut = "timed out after 300 ms";
+  const CTestDir dir("limits");
+  const auto download = [&](const std::string& url) {
+    DownloadFile(url.c_str(), "d", "n", dir.File("f").c_str(), limits);
+    return std::string("downloaded");
+  };
+  const auto get = [&](const std::string& url) {
+    const CUrl parsed = ParseUrl(url);
+    const auto client = CHttpsConnectionFactory().CreateConnection(parsed);
+    client->SetTimeout(limits.timeout);
+    client->Open(parsed);
+    client->Get(parsed);
+    return Bytes(client->ReceiveAll(limits.maxBodySize));
+  };
+  for (const auto& [line, handler, scheme, fetch, expected] :
+       std::vector<std::tuple<int, CLoopbackListener::CHandler, std::string,
+                              std::function<std::string(const std::string&)>, std::string>>{
+           {__LINE__, quietUntilClosed, "http", get, "Unable to receive data: " + timedOut},
+           {__LINE__, sendThen("HTTP/1.0 200 OK\r\nServer: x", "", false), "http", get,
+            "Unable to receive data: " + timedOut},
+           {__LINE__,
+            sendThen(head.substr(0, 17), "Set-Cookie: " + std::string(1000, 'a') + "\r\n", false),
+            "http", get, "HTTP head too large"},
+           {__LINE__, sendThen(head, std::string(65536, 'b'), false), "http", get,
+            "HTTP body larger than 1048576 bytes"},
+           {__LINE__, quietUntilClosed, "https", get, "SSL connect failed: handshake " + timedOut},
+           {__LINE__, sendThen(head, std::string(65536, 'b'), false), "http", download,
+            "HTTP body larger than 1048576 bytes"},
+           {__LINE__, sendThen(head + "part of a body", "", true), "http", download,
+            "Unable to receive data: Connection reset by peer"}}) {
+    SCOPED_TRACE(testing::Message() << "line " << line);
+    WriteFile(dir.File("f"), "old");
+    CLoopbackListener listener(handler);
+    EXPECT_EQ(OutcomeOf([&] { return fetch(listener.Url("/", scheme)); }), expected);
+    EXPECT_EQ(ReadFile(dir.File("f")), "old") << "a failed download changed the file";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.Path()), {}), 1)
+        << "a failed download left a file behind";
+  }
+
+  // A listener whose backlog is full: the connect itself gets no answer.
+  const int full = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0),
+            filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t size = sizeof address;
+  bind(full, reinterpret_cast<sockaddr*>(&address), size);
+  listen(full, 0);
+  getsockname(full, reinterpret_cast<sockaddr*>(&address), &size);
+  connect(filler, reinterpret_cast<sockaddr*>(&address), size);
+  EXPECT_EQ(
+      OutcomeOf([&] { return get("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port))); }),
+      "Connection failed: Connection timed out");
+  close(filler);
+  close(full);
+
+  // The responder's side: a client that sends nothing, one that sends blank lines for ever.
+  for (const auto& [line, input, expected] : std::vector<std::tuple<int, std::string, std::string>>{
+           {__LINE__, "", "Unable to receive data: " + timedOut},
+           {__LINE__, "\r\n", "HTTP head too large"}}) {
+    SCOPED_TRACE(testing::Message() << "line " << line);
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    std::thread writer([&, input = input] {
+      while (!input.empty() && send(ends[1], input.data(), input.size(), MSG_NOSIGNAL) > 0) {
+      }
+    });
+    EXPECT_EQ(OutcomeOf([&] {
+                CHttpConnection server(ends[0]);
+                server.SetTimeout(limits.timeout);
+                return Str(ReadHttpRequest(server).target);
+              }),
+              expected);
+    shutdown(ends[1], SHUT_RDWR);
+    writer.join();
+    close(ends[1]);
+  }
+  setrlimit(RLIMIT_AS, &before);
 }
 
 }  // namespace
