@@ -55,11 +55,12 @@ def ns_per_call(row):
 def figure(name, ours, reference, unit, lower_is_better, target=None, absolute=False,
            spread=None):
     """One row. The target bounds the ratio, or with `absolute` ours itself."""
-    ratio = ours / reference if reference else float("inf")
+    # A ratio to a reference at or below zero (a noise floor) says nothing.
+    ratio = ours / reference if reference > 0 else None
     met = None
     if target is not None:
         value = ours if absolute else ratio
-        met = value <= target if lower_is_better else value >= target
+        met = None if value is None else value <= target if lower_is_better else value >= target
     text = None
     if target is not None:
         text = f"{'ours ' if absolute else ''}{'<=' if lower_is_better else '>='} {target}"
@@ -68,7 +69,7 @@ def figure(name, ours, reference, unit, lower_is_better, target=None, absolute=F
         "ours": round(ours, 3),
         "reference": round(reference, 3),
         "unit": unit,
-        "ratio": round(ratio, 3),
+        "ratio": None if ratio is None else round(ratio, 3),
         "target": text,
         "met": met,
     }
@@ -124,6 +125,7 @@ def spy_figures(build_dir, rounds, steady_rounds):
     script = os.path.join(HERE, "spy_workload.py")
     command = [sys.executable, script, "--spy", spy, "--rounds", str(rounds),
                "--steady", os.path.join(build_dir, "bench", "zelph_spy_steady"),
+               "--null-module", os.path.join(build_dir, "bench", "libzelph_null_pkcs11.so"),
                "--steady-rounds", str(steady_rounds)]
     # p11-kit's proxy is measured in a mount namespace of its own (see the
     # script); without one the other configurations still run.
@@ -155,19 +157,32 @@ def spy_figures(build_dir, rounds, steady_rounds):
     per_call = {name: ns / 1e3 for name, ns in steady["overhead_ns_per_call"].items()}
     per_call_spread = {name: [ns / 1e3 for ns in q]
                        for name, q in steady["overhead_spread"].items()}
-    mix = f"steady state ({steady['iterations']} x 8 calls, {steady['rounds']} rounds)"
+    mix = f"steady state ({steady['rounds']} rounds of {steady['iterations']} x 8 calls)"
     figures += [
         figure(f"Spy overhead per PKCS#11 call, {mix}, tracing on vs pkcs11-spy",
                per_call["zelph-on"], per_call["pkcs11-spy"], "us/call", True, 1.5,
                spread=per_call_spread["zelph-on"]),
-        figure(f"Spy overhead per PKCS#11 call, {mix}, tracing off (vs pkcs11-spy)",
-               per_call["zelph-off"], per_call["pkcs11-spy"], "us/call", True, 0.3,
-               absolute=True, spread=per_call_spread["zelph-off"]),
+        figure(f"Spy overhead per PKCS#11 call, {mix}, tracing off (vs the module against "
+               "itself, the noise floor)", per_call["zelph-off"], per_call["direct"], "us/call",
+               True, spread=per_call_spread["zelph-off"]),
     ]
     if "p11-kit" in per_call:
         figures.append(figure(f"Spy overhead per PKCS#11 call, {mix}, tracing on vs p11-kit "
                               "log-calls", per_call["zelph-on"], per_call["p11-kit"], "us/call",
                               True, spread=per_call_spread["zelph-on"]))
+    null = data["steady_null"]
+    null_mix = f"same mix in front of a module that does no work ({null['rounds']} rounds of " \
+               f"{null['iterations']} x 8 calls)"
+    null_call = {name: ns / 1e3 for name, ns in null["overhead_ns_per_call"].items()}
+    null_spread = {name: [ns / 1e3 for ns in q] for name, q in null["overhead_spread"].items()}
+    figures += [
+        figure(f"Spy overhead per PKCS#11 call, {null_mix}, tracing on vs pkcs11-spy",
+               null_call["zelph-on"], null_call["pkcs11-spy"], "us/call", True,
+               spread=null_spread["zelph-on"]),
+        figure(f"Spy overhead per PKCS#11 call, {null_mix}, tracing off (vs the module against "
+               "itself, the noise floor)", null_call["zelph-off"], null_call["direct"], "us/call",
+               True, 0.3, absolute=True, spread=null_spread["zelph-off"]),
+    ]
     writes = steady["writes_per_call"]
     figures.append(figure("Spy write() calls per PKCS#11 call, tracing on (vs pkcs11-spy)",
                           writes["zelph-on"], writes["pkcs11-spy"], "writes/call", True, 3,
@@ -261,7 +276,7 @@ def markdown(figures):
         if "spread" in f:
             ours += f" ({number(f['spread'][0])} to {number(f['spread'][1])})"
         lines.append(f"| {f['name']} | {ours} | {number(f['reference'])} | {f['unit']} | "
-                     f"{f['ratio']:.2f} | {f['target'] or ''} | {met} |")
+                     f"{'' if f['ratio'] is None else format(f['ratio'], '.2f')} | {f['target'] or ''} | {met} |")
     return "\n".join(lines) + "\n"
 
 
@@ -274,7 +289,7 @@ def main():
     parser.add_argument("--min-time", type=float, default=0.2,
                         help="seconds per repetition of each benchmark")
     parser.add_argument("--rounds", type=int, default=51, help="rounds of the spy workload")
-    parser.add_argument("--steady-rounds", type=int, default=51,
+    parser.add_argument("--steady-rounds", type=int, default=101,
                         help="rounds of the spy's steady state")
     parser.add_argument("--load-rounds", type=int, default=201,
                         help="rounds of the load cost")

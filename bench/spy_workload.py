@@ -9,10 +9,10 @@ configuration once, in an order that rotates from round to round; the overhead
 of a tracer is the median over the rounds of its time minus the direct time of
 the same round.
 
-With --steady, each round also runs the steady state of one application
-process (bench/SpySteady.c: a fixed mix of eight calls, repeated) through every
-configuration: the overhead per PKCS#11 call and the write() calls per
-PKCS#11 call.
+With --steady, it also runs the steady state of one application process per
+tracer (bench/SpySteady.c: a fixed mix of eight calls, repeated, directly and
+through the tracer in turn, in the same process): the overhead per PKCS#11
+call and the write() calls per PKCS#11 call.
 
 p11-kit's proxy loads every module its configuration names. To give it SoftHSM2
 alone without touching the machine's configuration, run this script in a mount
@@ -138,42 +138,32 @@ def quartiles(samples):
     return [q[0], q[2]]
 
 
-def steady_run(program, module, env, stderr_path, iterations):
-    """One steady-state process; returns its JSON line as a dict."""
-    with open(stderr_path or os.devnull, "w") as stderr:
-        result = subprocess.run([program, module, PIN, str(iterations)], env=env,
-                                stdout=subprocess.PIPE, stderr=stderr)
-    if result.returncode != 0:
-        raise RuntimeError(f"{os.path.basename(program)} through {module} failed with "
-                           f"{result.returncode}")
-    return json.loads(result.stdout)
-
-
-def steady(bed, configs, program, rounds, iterations):
-    """Per-call figures of the steady state, rounds interleaved as above."""
-    names = list(configs)
-    log(f"steady state: {rounds} rounds of {iterations} x 8 calls through {', '.join(names)}")
-    per_call = {name: [] for name in names}
-    writes = {}
-    for round_index in range(rounds + 1):
-        shift = round_index % len(names)
-        for name in names[shift:] + names[:shift]:
-            module, env, stderr_path = configs[name]
-            row = steady_run(program, module, env, stderr_path, iterations)
-            if round_index > 0:
-                per_call[name].append(row["ns_per_call"])
-            writes[name] = row["writes_per_call"]
-        for logs in bed.logs.values():
-            for entry in os.listdir(logs):
-                os.remove(os.path.join(logs, entry))
-    result = {"rounds": rounds, "iterations": iterations, "ns_per_call": {},
-              "overhead_ns_per_call": {}, "overhead_spread": {}, "writes_per_call": writes}
-    for name, samples in per_call.items():
-        result["ns_per_call"][name] = statistics.median(samples)
-        if name != "direct":
-            deltas = [t - d for t, d in zip(samples, per_call["direct"])]
-            result["overhead_ns_per_call"][name] = statistics.median(deltas)
-            result["overhead_spread"][name] = quartiles(deltas)
+def steady(bed, configs, program, rounds, iterations, real=SOFTHSM):
+    """Per-call figures of the steady state: one process per tracer, with the
+    direct way to `real` and the tracer's interleaved in it (see
+    bench/SpySteady.c)."""
+    result = {"rounds": rounds, "iterations": iterations, "module_ns_per_call": {},
+              "overhead_ns_per_call": {}, "overhead_spread": {}, "writes_per_call": {}}
+    # "direct" against itself: the noise floor of the measure.
+    for name, (module, env, stderr_path) in configs.items():
+        log(f"steady state through {name}: {rounds} rounds of {iterations} x 8 calls each way")
+        with open(stderr_path or os.devnull, "w") as stderr:
+            run = subprocess.run([program, real, module, PIN, str(rounds), str(iterations)],
+                                 env=env, stdout=subprocess.PIPE, stderr=stderr)
+        if run.returncode != 0:
+            raise RuntimeError(f"{os.path.basename(program)} through {name} failed with "
+                               f"{run.returncode}")
+        row = json.loads(run.stdout)
+        result["module_ns_per_call"][name] = row["module_ns_per_call"]
+        result["overhead_ns_per_call"][name] = statistics.median(row["overhead_ns_per_call"])
+        result["overhead_spread"][name] = quartiles(row["overhead_ns_per_call"])
+        result["writes_per_call"][name] = row["writes_per_call"]
+        light = row["light_overhead_ns_per_call"]
+        result.setdefault("light_overhead_ns_per_call", {})[name] = statistics.median(light)
+        result.setdefault("light_overhead_spread", {})[name] = quartiles(light)
+    for logs in bed.logs.values():
+        for entry in os.listdir(logs):
+            os.remove(os.path.join(logs, entry))
     return result
 
 
@@ -185,8 +175,11 @@ def main():
                         help="this process runs in a mount namespace of its own")
     parser.add_argument("--steady", metavar="PROGRAM",
                         help="the steady-state program (zelph_spy_steady) to run as well")
-    parser.add_argument("--steady-rounds", type=int, default=51)
-    parser.add_argument("--steady-iterations", type=int, default=100)
+    parser.add_argument("--steady-rounds", type=int, default=101)
+    parser.add_argument("--steady-iterations", type=int, default=20)
+    parser.add_argument("--null-module",
+                        help="a module that does no work (zelph_null_pkcs11), for the steady "
+                             "state of the tracers' own cost")
     args = parser.parse_args()
 
     bed = Bed(os.path.abspath(args.spy))
@@ -240,8 +233,27 @@ def main():
                 result["overhead_ms"][name] = statistics.median(deltas)
                 result["overhead_spread_ms"][name] = quartiles(deltas)
         if args.steady:
-            result["steady"] = steady(bed, configs, os.path.abspath(args.steady),
-                                      args.steady_rounds, args.steady_iterations)
+            program = os.path.abspath(args.steady)
+            result["steady"] = steady(bed, configs, program, args.steady_rounds,
+                                      args.steady_iterations)
+        if args.steady and args.null_module:
+            null = os.path.abspath(args.null_module)
+            # The same mix in front of a module that does no work: only the
+            # tracers' own cost is left (p11-kit's proxy is set up for SoftHSM2).
+            spy_log_null = os.path.join(bed.dir, "pkcs11-spy-null.log")
+            null_configs = {
+                "direct": (null, bed.env(), None),
+                "zelph-on": (bed.spy, bed.env({
+                    "ZELPH_CONFFILE": os.path.join(bed.dir, "zelph-on.conf"),
+                    "ZELPH_SPY_MODULE": null}), None),
+                "zelph-off": (bed.spy, bed.env({
+                    "ZELPH_CONFFILE": os.path.join(bed.dir, "zelph-off.conf"),
+                    "ZELPH_SPY_MODULE": null}), None),
+                "pkcs11-spy": (PKCS11_SPY, bed.env({"PKCS11SPY": null,
+                                                    "PKCS11SPY_OUTPUT": spy_log_null}), None),
+            }
+            result["steady_null"] = steady(bed, null_configs, program, args.steady_rounds,
+                                           args.steady_iterations * 10, real=null)
         print(json.dumps(result, indent=2))
     finally:
         bed.close()

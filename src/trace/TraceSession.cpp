@@ -107,7 +107,9 @@ bool OpenTraceSession() {
   std::snprintf(pid, sizeof pid, "_%d.log", static_cast<int>(getpid()));
   path += pid;
 
-  g_traceSession.log = std::fopen(path.c_str(), "at");
+  // Appending text; "e" (close-on-exec) keeps the log out of programs the
+  // host starts.
+  g_traceSession.log = std::fopen(path.c_str(), "ate");
   if (g_traceSession.log != nullptr) WriteHeader();
   static const bool registered = (std::atexit(EndTraceSession), true);
   (void)registered;
