@@ -84,7 +84,7 @@ std::unique_ptr<CConfigSection> CConfigSection::Load(const CUTF8String& path) {
 
   std::string bytes;
   {
-    CFilePtr file(std::fopen(path.c_str(), "rt"));
+    CFilePtr file(std::fopen(path.c_str(), "rte"));
     if (!file) return top;
     char piece[1024];
     std::size_t count;
@@ -230,7 +230,7 @@ bool CConfigSection::Save() const {
   std::string text;
   top.WriteText(text, 0);
 
-  std::FILE* file = std::fopen(top.fileName_.c_str(), "wt");
+  std::FILE* file = std::fopen(top.fileName_.c_str(), "wte");
   if (!file) return false;
   const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
   // Bytes still buffered by stdio reach the file only in fclose.

@@ -136,7 +136,7 @@ std::unique_ptr<CUnixSocket> CUnixSocket::Adopt(int descriptor, std::int32_t tim
 
 std::unique_ptr<CUnixSocket> CUnixSocket::Connect(const CUTF8String& path,
                                                   std::int32_t timeoutSeconds) {
-  CDescriptorGuard descriptor(socket(AF_UNIX, SOCK_STREAM, 0));
+  CDescriptorGuard descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (descriptor.Get() < 0) ThrowCallFailure("socket", errno);
   sockaddr_un address;
   const socklen_t size = MakeAddress(path, address);
@@ -155,18 +155,19 @@ std::unique_ptr<CUnixSocket> CUnixSocket::Listen(const CUTF8String& path) {
   const socklen_t size = MakeAddress(path, address);
 
   // A successful connection means that a live process serves the path.
-  const int probe = socket(AF_UNIX, SOCK_STREAM, 0);
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (probe < 0) ThrowCallFailure("socket", errno);
   if (connect(probe, reinterpret_cast<const sockaddr*>(&address), size) == 0) {
     close(probe);
     throw EIOSocketBusy(CEventMessage(kEvtSocketBusy, kCategoryIO));
   }
   // The failed probe is deliberately left open: the service has always kept
-  // it for its lifetime (one descriptor per successful listen).
+  // it for its lifetime (one descriptor per successful listen). It closes on
+  // exec, like every socket here, so no program the process starts holds it.
 
   // Whatever is left at the path is a stale file of an earlier run.
   unlink(address.sun_path);
-  CDescriptorGuard descriptor(socket(AF_UNIX, SOCK_STREAM, 0));
+  CDescriptorGuard descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (descriptor.Get() < 0) ThrowCallFailure("socket", errno);
   if (bind(descriptor.Get(), reinterpret_cast<const sockaddr*>(&address), size) != 0) {
     ThrowCallFailure("bind", errno);
@@ -275,7 +276,7 @@ std::unique_ptr<CLocalSocket> CUnixSocket::Accept() {
       continue;
     }
     if (ready == 0) continue;
-    const int client = accept(descriptor_, nullptr, nullptr);
+    const int client = accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
     if (client >= 0) return Adopt(client, 0);
     if (errno != EINTR) ThrowCallFailure("accept", errno);
   }

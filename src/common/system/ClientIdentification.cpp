@@ -106,7 +106,8 @@ CConnectionLine ParseConnectionLine(const char* line) {
 CUTF8String ReadCommand(const char* command) {
   CTraceScope scope("ReadCommand");
   TraceString("cmd = %s", command);
-  const std::unique_ptr<std::FILE, CPipeCloser> pipe(popen(command, "r"));
+  // "e": the stream stays out of programs that other threads start meanwhile.
+  const std::unique_ptr<std::FILE, CPipeCloser> pipe(popen(command, "re"));
   if (!pipe) throw std::runtime_error("popen() failed!");
   CUTF8String output;
   char buffer[128];

@@ -18,12 +18,18 @@ inline constexpr char kPidFileDirectory[] = "/var/run/";
 // "/usr/lib/Zwmware/zelcachesrv".
 CUTF8String GetServiceExecutablePath();
 
-// The PID file of the running service, "/var/run/<short name>.pid", fixed on
-// the first call (made by RunService). Thread-safe.
-const CUTF8String& GetPidFilePath();
+// The PID file of the running service, "/var/run/<short name>.pid", taken
+// from the service RunService runs at the time of the call; empty while none
+// runs (before RunService and after it returns), so that no caller creates
+// or removes a file of no service. Thread-safe.
+CUTF8String GetPidFilePath();
 
 // Starts the service executable at `executablePath` (always with the program
-// name "zelcachesrv") and waits for it to daemonise. Throws EService
+// name "zelcachesrv") and waits for it to daemonise. The program inherits the
+// calling thread's signal mask, the default action for every signal the
+// caller catches, and none of the caller's descriptors below 256 (above, only
+// those without close-on-exec). An executable that cannot be run is written
+// to the event log. Throws EService
 // (service `displayName` could not be started), after writing it to the
 // event log, when the fork or wait fails or the program dies or exits with a
 // non-zero status before daemonising.

@@ -252,7 +252,7 @@ int Report(const std::vector<std::string>& logs, const std::string& output) {
   CTerminalProgress progress;
   CLogReader reader(report, &progress);
   const bool read = ReadAll(reader, progress, inputs, logs);
-  std::FILE* out = std::fopen(output.c_str(), "w");
+  std::FILE* out = std::fopen(output.c_str(), "we");
   if (out == nullptr) {
     std::fprintf(stderr, "zelph-log: %s: cannot write: %s\n", output.c_str(), std::strerror(errno));
     return kTrouble;

@@ -1,10 +1,14 @@
 // Unix sockets, the process mutex, client identification and service control,
 // with real threads and processes, in a directory of the test's own.
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -13,6 +17,7 @@
 #include "CLoopbackListener.h"
 #include "TestFiles.h"
 #include "common/base/CException.h"
+#include "common/config/CConfigSection.h"
 #include "common/system/CUnixSocket.h"
 #include "common/system/ClientIdentification.h"
 #include "common/system/ProcessMutex.h"
@@ -152,6 +157,53 @@ TEST(ClientIdentification, FindsTheSessionOfTheLocalPeerThroughNetstat) {
   EXPECT_EQ(GetSessionIdFromSocket(-1), 0) << "no socket";
 }
 
+// Each step opens more of ours and keeps it; a program started after it must
+// see only what it saw before the first (its standard streams and whatever
+// the test runner passed on).
+TEST(Descriptors, NoneOfOursReachesAProgramTheProcessStarts) {
+  CTestDir dir("ipc");
+  const std::string sock = dir.File("sock"), config = dir.File("conf"), gate = dir.File("gate");
+  mkfifo(config.c_str(), 0600), mkfifo(gate.c_str(), 0600);
+  // Lists the shell's descriptors beyond 0 to 2; no pipeline, whose pipes the shell holds a while.
+  CChildOptions lister;
+  lister.command = {"/bin/sh", "-c",
+                    "find /proc/$$/fd -mindepth 1 ! -name 0 ! -name 1 ! -name 2 "
+                    "-printf '%f %l\\n'; true"};
+  const auto inherited = [&lister] {
+    CChildProcess child(lister);
+    return child.Finish(20), child.Output();
+  };
+  std::string before = inherited();
+  std::unique_ptr<CUnixSocket> listener, client;
+  std::unique_ptr<CLocalSocket> server;
+  std::future<void> loading, reading;
+  using CFile = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+  std::vector<CFile> writers;  // first to go: they let the loading and reading threads end
+  // Opening a FIFO for writing returns once the other side has it open for reading.
+  const auto blockOn = [&](const std::string& fifo, std::future<void>& task, auto body) {
+    task = std::async(std::launch::async, body);
+    writers.emplace_back(std::fopen(fifo.c_str(), "we"), std::fclose);
+  };
+  const struct {
+    const char* what;
+    std::function<void()> open;
+  } steps[] = {
+      {"a listening socket and its probe", [&] { listener = CUnixSocket::Listen(sock.c_str()); }},
+      {"a connected and an accepted socket",
+       [&] { client = CUnixSocket::Connect(sock.c_str(), 0), server = listener->Accept(); }},
+      {"a configuration file being read",
+       [&] { blockOn(config, loading, [&] { CConfigSection::Load(config.c_str()); }); }},
+      {"the pipe of a command being read",
+       [&] { blockOn(gate, reading, [&] { ReadCommand(("read x < " + gate).c_str()); }); }},
+  };
+  for (const auto& step : steps) {
+    step.open();
+    const std::string now = inherited();
+    EXPECT_EQ(now, before) << "a started program inherited " << step.what;
+    before = now;  // each leak is told once
+  }
+}
+
 // The test service (TestService.cpp) on a socket and PID file of the test's own.
 class ServiceControlTest : public testing::Test {
  protected:
@@ -206,6 +258,7 @@ TEST_F(ServiceControlTest, LaunchedServiceRunsAsDaemonAndRemovesItsPidFileWhenIt
     EXPECT_EQ(WaitForStatus(), std::to_string(pid) + " " + std::to_string(pid) + " 1 1\n")
         << "not in a session of its own, in /, without standard streams";
     EXPECT_EQ(ReadFile(pidFile_), std::to_string(pid) + "\n");
+    EXPECT_EQ(ReadFile(socket_ + ".fds"), "") << "descriptors the service was started with";
     stop ? kill(pid, SIGTERM) : (CUnixSocket::Connect(socket_.c_str(), 1), 0);
     for (int i = 0; i < 1000 && std::filesystem::exists(pidFile_); ++i) usleep(10000);
     EXPECT_FALSE(std::filesystem::exists(pidFile_))
@@ -214,6 +267,7 @@ TEST_F(ServiceControlTest, LaunchedServiceRunsAsDaemonAndRemovesItsPidFileWhenIt
 }
 
 TEST_F(ServiceControlTest, LaunchFailureNamesTheServiceAndTheStartingProcesssStatus) {
+  WriteFile(dir_.File("plain"), "#!/bin/sh\n");  // not executable
   WriteFile(dir_.File("killed"), "#!/bin/sh\nkill -KILL $$\n");
   std::filesystem::permissions(dir_.File("killed"), std::filesystem::perms::owner_all);
   setenv("ZELPH_TEST_SOCKET", dir_.File("no/sock").c_str(), 1);  // Initialize fails
@@ -226,10 +280,40 @@ TEST_F(ServiceControlTest, LaunchFailureNamesTheServiceAndTheStartingProcesssSta
       EXPECT_TRUE(text.starts_with("The service \"Cache\" could not be started.")) << text;
       EXPECT_NE(text.find("Status is " + status + "."), std::string::npos) << line << ": " << text;
     }
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << line << ": the starting process is left over";
   };
-  expect(__LINE__, dir_.File("missing"), "00000100");  // cannot be executed
+  // Cannot be executed: the exec fails in the starting process, which exits with 1.
+  expect(__LINE__, dir_.File("missing"), "00000100");
+  expect(__LINE__, dir_.File("plain"), "00000100");
+  expect(__LINE__, dir_.Path(), "00000100");
   expect(__LINE__, dir_.File("killed"), "00000009");
   expect(__LINE__, program_, "00000200");
+}
+
+TEST(ServiceControl, PidFilePathIsThatOfTheServiceRunningWhenAsked) {
+  struct CNamed final : CService {
+    CUTF8String GetShortName() const override { return "zelph-test-pid"; }
+    CUTF8String GetDisplayName() const override { return "Named"; }
+    void Initialize() override { std::printf("before Run: %s\n", GetPidFilePath().c_str()); }
+    void Run() override { std::printf("in Run: %s\n", GetPidFilePath().c_str()); }
+    void Stop() override {}
+  };
+  CChildOptions options;
+  options.body = [] {
+    std::printf("before RunService: %s\n", GetPidFilePath().c_str());
+    CNamed service;
+    char name[] = "named", foreground[] = "-f";
+    char* argv[] = {name, foreground, nullptr};
+    const int status = RunService(service, 2, argv);
+    std::printf("after RunService: %s\n", GetPidFilePath().c_str());
+    return status;
+  };
+  CChildProcess child(options);
+  child.Finish(20);
+  EXPECT_EQ(child.Output(),
+            "before RunService: \nbefore Run: /var/run/zelph-test-pid.pid\n"
+            "in Run: /var/run/zelph-test-pid.pid\nafter RunService: \n")
+      << "the path asked before the service ran stuck, or is not the running service's";
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
 // The service the service control tests start: it listens on $ZELPH_TEST_SOCKET
 // (any client makes Run fail), keeps its PID file at $ZELPH_TEST_PIDFILE, writes
 // "<pid> <session> <1 when in /> <1 when stderr is closed>" to the socket path
-// plus ".status" once running, and ends with the process that started it (the test).
+// plus ".status" once running, the descriptors it was started with to the path
+// plus ".fds", and ends with the process that started it (the test).
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <string>
 #include <thread>
 
 #include "common/base/CException.h"
@@ -48,6 +50,11 @@ class CTestService final : public CService {
 }  // namespace zelph
 
 int main(int argc, char** argv) {
+  // The descriptors it was started with, before it opens any, to the socket path plus ".fds".
+  std::string inherited;
+  for (int descriptor = 0; descriptor < 1024; ++descriptor)
+    if (fcntl(descriptor, F_GETFD) >= 0) inherited += std::to_string(descriptor) + ' ';
+  std::ofstream(std::getenv("ZELPH_TEST_SOCKET") + std::string(".fds")) << inherited;
   zelph::CTestService service;
   return zelph::RunService(service, argc, argv, std::getenv("ZELPH_TEST_PIDFILE"));
 }
