@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "FixedAllocator.h"
 #include "common/formats/JSONReader.h"
 
 namespace zelph::bench {
@@ -113,6 +114,10 @@ BENCHMARK(BM_RapidJson)->Name("Json/RapidJSON")->Apply(Sizes);
 }  // namespace zelph::bench
 
 int main(int argc, char** argv) {
+  if (!zelph::bench::FixAllocatorThresholds()) {
+    std::cerr << "zelph_json_bench: could not fix the allocator's thresholds\n";
+    return 1;
+  }
   if (!zelph::bench::SameDocuments()) return 1;
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

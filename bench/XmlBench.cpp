@@ -16,6 +16,7 @@
 #include <pugixml.hpp>
 #include <string>
 
+#include "FixedAllocator.h"
 #include "common/base/CTString.h"
 #include "common/formats/XMLReader.h"
 
@@ -130,6 +131,10 @@ BENCHMARK(BM_PugiXml)->Name("Xml/pugixml")->Apply(Sizes);
 }  // namespace zelph::bench
 
 int main(int argc, char** argv) {
+  if (!zelph::bench::FixAllocatorThresholds()) {
+    std::cerr << "zelph_xml_bench: could not fix the allocator's thresholds\n";
+    return 1;
+  }
   if (!zelph::bench::SameDocuments()) return 1;
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

@@ -167,56 +167,6 @@ CTString<E>::CTString(const char* bytes, std::uint64_t count) {
 }
 
 template <class E>
-CTString<E>::CTString(const CTString& other) noexcept : buffer_(other.buffer_) {
-  if (buffer_ != nullptr) ++buffer_->references;
-}
-
-template <class E>
-CTString<E>::CTString(CTString&& other) noexcept : buffer_(other.buffer_) {
-  other.buffer_ = nullptr;
-}
-
-template <class E>
-CTString<E>& CTString<E>::operator=(const CTString& other) noexcept {
-  if (buffer_ == other.buffer_) return *this;
-  if (other.buffer_ != nullptr) ++other.buffer_->references;
-  Release();
-  buffer_ = other.buffer_;
-  return *this;
-}
-
-template <class E>
-CTString<E>& CTString<E>::operator=(CTString&& other) noexcept {
-  if (this != &other) {
-    Release();
-    buffer_ = other.buffer_;
-    other.buffer_ = nullptr;
-  }
-  return *this;
-}
-
-template <class E>
-CTString<E>::~CTString() {
-  Release();
-}
-
-template <class E>
-void CTString<E>::Release() noexcept {
-  if (buffer_ != nullptr && --buffer_->references <= 0) delete buffer_;
-  buffer_ = nullptr;
-}
-
-template <class E>
-std::uint64_t CTString<E>::Size() const noexcept {
-  return buffer_ != nullptr && buffer_->length > 0 ? buffer_->length - 1 : 0;
-}
-
-template <class E>
-const char* CTString<E>::c_str() const noexcept {
-  return buffer_ != nullptr && buffer_->data != nullptr ? buffer_->data : "";
-}
-
-template <class E>
 CTStringBuffer& CTString<E>::MakeOwnBuffer() {
   if (buffer_ == nullptr) {
     buffer_ = new CTStringBuffer();
@@ -234,11 +184,6 @@ template <class E>
 char* CTString<E>::GetWritable() {
   if (buffer_ == nullptr) return nullptr;
   return MakeOwnBuffer().data;
-}
-
-template <class E>
-void CTString<E>::Clear() noexcept {
-  Release();
 }
 
 template <class E>

@@ -145,19 +145,40 @@ class CTString {
   // Copies `count` bytes as they are (zero bytes included), or up to the
   // first zero byte for kUntilZero. A null `bytes` gives the empty string.
   CTString(const char* bytes, std::uint64_t count);
-  CTString(const CTString& other) noexcept;
-  CTString(CTString&& other) noexcept;
-  CTString& operator=(const CTString& other) noexcept;
-  CTString& operator=(CTString&& other) noexcept;
-  ~CTString();
+  // Copies share the buffer: one counter increment. These and the accessors
+  // below are inline, as the readers call them in their loops.
+  CTString(const CTString& other) noexcept : buffer_(other.buffer_) {
+    if (buffer_ != nullptr) ++buffer_->references;
+  }
+  CTString(CTString&& other) noexcept : buffer_(other.buffer_) { other.buffer_ = nullptr; }
+  CTString& operator=(const CTString& other) noexcept {
+    if (buffer_ == other.buffer_) return *this;
+    if (other.buffer_ != nullptr) ++other.buffer_->references;
+    Release();
+    buffer_ = other.buffer_;
+    return *this;
+  }
+  CTString& operator=(CTString&& other) noexcept {
+    if (this != &other) {
+      Release();
+      buffer_ = other.buffer_;
+      other.buffer_ = nullptr;
+    }
+    return *this;
+  }
+  ~CTString() { Release(); }
 
   // True when the string holds no character bytes.
   bool IsEmpty() const noexcept { return Size() == 0; }
   // Number of character bytes (without the terminator); 0 for the null string.
-  std::uint64_t Size() const noexcept;
+  std::uint64_t Size() const noexcept {
+    return buffer_ != nullptr && buffer_->length > 0 ? buffer_->length - 1 : 0;
+  }
   // The zero-terminated bytes; "" for the null string, never null. Valid until
   // the next change to this string.
-  const char* c_str() const noexcept;
+  const char* c_str() const noexcept {
+    return buffer_ != nullptr && buffer_->data != nullptr ? buffer_->data : "";
+  }
   // The character bytes as a view (embedded zero bytes included).
   std::string_view View() const noexcept { return {c_str(), Size()}; }
 
@@ -165,7 +186,7 @@ class CTString {
   // writing in place; null for the null string.
   char* GetWritable();
   // Makes the string the null string.
-  void Clear() noexcept;
+  void Clear() noexcept { Release(); }
 
   // A copy of this string (sharing its buffer) followed by the decoded
   // characters of `utf8`.
@@ -217,7 +238,10 @@ class CTString {
   // Inserts raw bytes at `index` into the string.
   void InsertBytes(std::uint64_t index, const char* bytes, std::uint64_t count);
   // Drops this handle's reference.
-  void Release() noexcept;
+  void Release() noexcept {
+    if (buffer_ != nullptr && --buffer_->references <= 0) delete buffer_;
+    buffer_ = nullptr;
+  }
 
   CTStringBuffer* buffer_ = nullptr;
 };

@@ -14,6 +14,7 @@
 namespace zelph {
 
 class CJSValue;
+class CJSTreeBuilder;
 
 // An owned value. It may hold the shared null value, which deleting leaves
 // alone, so any result of the parser can be held in one.
@@ -22,6 +23,11 @@ using CJSValuePtr = std::unique_ptr<CJSValue>;
 // The root of the value classes and, as a plain instance, the null value.
 // Every query answers with a neutral default here; the subclasses override
 // the queries that make sense for them.
+//
+// Values are ordinary heap objects, or records of a parsed tree: the reader
+// takes a tree's values and tables from chunks of one pool, which its root
+// owns; deleting the root destroys the tree and frees the pool. Either kind
+// is deleted through its owning pointer alike.
 class CJSValue {
  public:
   constexpr CJSValue() noexcept = default;
@@ -30,7 +36,8 @@ class CJSValue {
   virtual ~CJSValue() = default;
 
   // Deleting the shared null value does nothing, so that trees and callers
-  // may hold it like any other value.
+  // may hold it like any other value. Anything else is destroyed with
+  // everything it holds, without recursion, so deep trees are safe.
   static void operator delete(CJSValue* value, std::destroying_delete_t) noexcept;
 
   // The key of an object member; empty for anything else.
@@ -62,6 +69,27 @@ class CJSValue {
 
   // True when this is the shared null value.
   bool IsNull() const noexcept;
+
+ protected:
+  // What a value is, so that the tree's deletion needs no type tests. The
+  // classes are final, so the kind names the exact class.
+  enum class Kind : std::uint8_t { kPlain, kString, kBoolean, kInteger, kArray, kObject, kMember };
+
+  constexpr explicit CJSValue(Kind kind) noexcept : kind_(kind) {}
+
+ private:
+  friend class CJSTreeBuilder;
+  friend void DestroyJSValue(CJSValue* value) noexcept;
+
+  // Where the value's memory comes from.
+  enum class Storage : std::uint8_t {
+    kHeap,      // its own heap block
+    kPooled,    // a record of a parsed tree's pool
+    kPoolRoot,  // the first record of a pool, which frees the pool with it
+  };
+
+  Kind kind_ = Kind::kPlain;
+  Storage storage_ = Storage::kHeap;
 };
 
 // The shared null value: never freed, returned by every lookup that finds
@@ -71,7 +99,7 @@ CJSValue& GetJSNull() noexcept;
 // A JSON string.
 class CJSString final : public CJSValue {
  public:
-  explicit CJSString(const CUTF8String& value) noexcept : value_(value) {}
+  explicit CJSString(const CUTF8String& value) noexcept : CJSValue(Kind::kString), value_(value) {}
 
   CUTF8String GetString() const override { return value_; }
   // The text as hexadecimal bytes: white space is skipped between bytes, a
@@ -87,7 +115,7 @@ class CJSString final : public CJSValue {
 // true or false.
 class CJSBoolean final : public CJSValue {
  public:
-  explicit CJSBoolean(bool value) noexcept : value_(value ? 1 : 0) {}
+  explicit CJSBoolean(bool value) noexcept : CJSValue(Kind::kBoolean), value_(value ? 1 : 0) {}
 
   bool GetBool() const noexcept override { return value_ != 0; }
 
@@ -98,7 +126,7 @@ class CJSBoolean final : public CJSValue {
 // A non-negative whole number, kept in 32 bits.
 class CJSInteger final : public CJSValue {
  public:
-  explicit CJSInteger(std::int32_t value) noexcept : value_(value) {}
+  explicit CJSInteger(std::int32_t value) noexcept : CJSValue(Kind::kInteger), value_(value) {}
 
   std::int32_t GetInt() const noexcept override { return value_; }
 
@@ -106,22 +134,44 @@ class CJSInteger final : public CJSValue {
   std::int32_t value_;
 };
 
+// The owned items of an array or the members of an object: a table that
+// starts with room for 2 and doubles when full. Its storage is a heap block
+// of its own, or lies in the pool of a parsed tree.
+struct CJSTable {
+  CJSValue** items = nullptr;
+  std::uint64_t count = 0;
+  std::uint64_t capacity = 0;
+  bool owned = false;  // the storage is a heap block of the table's
+
+  CJSTable() noexcept = default;
+  CJSTable(const CJSTable&) = delete;
+  CJSTable& operator=(const CJSTable&) = delete;
+  // Deletes the items (each with everything it holds) and frees the storage.
+  ~CJSTable();
+
+  // Makes room for one more item when the table is full, moving it into
+  // heap storage of its own.
+  void MakeRoom();
+};
+
 // An array; owns its items, which may include the null value.
 class CJSArray final : public CJSValue {
  public:
-  CJSArray();
-  ~CJSArray() override;
+  CJSArray() noexcept : CJSValue(Kind::kArray) {}
 
   // Appends `item` (taking ownership).
   void Append(CJSValuePtr item);
 
-  std::uint64_t GetCount() const noexcept override { return items_.size(); }
-  const CJSValue& GetItem(std::uint64_t index) const noexcept override;
+  std::uint64_t GetCount() const noexcept override { return items_.count; }
+  const CJSValue& GetItem(std::uint64_t index) const noexcept override {
+    return *items_.items[index];
+  }
 
  private:
-  friend void DeleteJSItems(std::vector<CJSValuePtr>& items) noexcept;
+  friend class CJSTreeBuilder;
+  friend void DestroyJSValue(CJSValue* value) noexcept;
 
-  std::vector<CJSValuePtr> items_;
+  CJSTable items_;
 };
 
 // One member of an object: a key and its owned value. Queries other than
@@ -134,6 +184,8 @@ class CJSKeyedValue final : public CJSValue {
 
   // The member's value itself.
   const CJSValue& GetValue() const noexcept { return *value_; }
+  // The member's key itself.
+  const CUTF8String& Key() const noexcept { return key_; }
 
   CUTF8String GetKey() const override { return key_; }
   CUTF8String GetString() const override { return value_->GetString(); }
@@ -147,31 +199,36 @@ class CJSKeyedValue final : public CJSValue {
   const CJSValue& Find(const char* key) const noexcept override { return value_->Find(key); }
 
  private:
-  friend void DeleteJSItems(std::vector<CJSValuePtr>& items) noexcept;
+  friend class CJSTreeBuilder;
+  friend void DestroyJSValue(CJSValue* value) noexcept;
+
+  // For the reader: takes over `key` and the value `value` (never null).
+  CJSKeyedValue(CUTF8String&& key, CJSValue* value) noexcept
+      : CJSValue(Kind::kMember), key_(std::move(key)), value_(value) {}
 
   CUTF8String key_;
-  CJSValuePtr value_;
+  CJSValue* value_;  // owned; the null value when there is none
 };
 
 // An object: its members in document order (keys need not be unique).
 class CJSObject final : public CJSValue {
  public:
-  CJSObject();
-  ~CJSObject() override;
+  CJSObject() noexcept : CJSValue(Kind::kObject) {}
 
   // Appends the member `key` with `value` (taking ownership).
   void Append(const CUTF8String& key, CJSValuePtr value);
 
-  std::uint64_t GetCount() const noexcept override { return members_.size(); }
+  std::uint64_t GetCount() const noexcept override { return members_.count; }
   // Member `index`, or the null value when `index` is not below the count.
   const CJSValue& GetItem(std::uint64_t index) const noexcept override;
   const CJSValue& Find(const char* key) const noexcept override;
   const CJSValue& FindBytes(const CByteBuffer& bytes) const override;
 
  private:
-  friend void DeleteJSItems(std::vector<CJSValuePtr>& items) noexcept;
+  friend class CJSTreeBuilder;
+  friend void DestroyJSValue(CJSValue* value) noexcept;
 
-  std::vector<CJSValuePtr> members_;  // each a CJSKeyedValue
+  CJSTable members_;  // each a CJSKeyedValue
 };
 
 // Reads `text` as hexadecimal bytes by the rule of CJSString::GetBytes.

@@ -4,13 +4,16 @@
 #include <cstdint>
 #include <cstring>
 #include <cwctype>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "common/base/CException.h"
-#include "zelph/trace.h"
 #include "common/base/CharClasses.h"
+#include "common/formats/CRecordPool.h"
+#include "common/formats/CSharedTexts.h"
+#include "zelph/trace.h"
 
 namespace zelph {
 
@@ -23,15 +26,19 @@ using CCursor = CTStringCursor<CUTF8Encoding>;
 }
 
 // The ASCII classes are the same in every locale, so only other characters
-// ask the locale. ASCII is looked up in a table of classes.
+// ask the locale. Bytes are looked up in a table of classes; bytes of 0x80
+// and above, and the zero byte, are in none, so that a run of bytes of a
+// class stops at them (and at the terminator behind the text) and the
+// character there is decoded and judged one by one.
 constexpr unsigned char kSpace = 1;
 constexpr unsigned char kNameStart = 2;
 constexpr unsigned char kNameChar = 4;
 constexpr unsigned char kPlainText = 8;  // taken by text as it stands
+constexpr unsigned char kValueText = 16;  // taken by an attribute value, quotes included
 
-constexpr std::array<unsigned char, 128> MakeAsciiClasses() {
-  std::array<unsigned char, 128> classes{};
-  for (int c = 0; c < 128; ++c) {
+constexpr std::array<unsigned char, 256> MakeByteClasses() {
+  std::array<unsigned char, 256> classes{};
+  for (int c = 1; c < 128; ++c) {
     const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
     const bool space = IsAsciiSpace(c);
     unsigned char bits = 0;
@@ -41,86 +48,45 @@ constexpr std::array<unsigned char, 128> MakeAsciiClasses() {
       bits |= kNameChar;
     }
     if (!space && c != '<' && c != '&') bits |= kPlainText;
+    if (c != '&') bits |= kValueText;
     classes[static_cast<std::size_t>(c)] = bits;
   }
   return classes;
 }
-constexpr std::array<unsigned char, 128> kAsciiClasses = MakeAsciiClasses();
+constexpr std::array<unsigned char, 256> kByteClasses = MakeByteClasses();
 
-// True when `c` (0 to 127) is of class `bits`.
-bool IsAscii(std::int32_t c, unsigned char bits) noexcept {
-  return (kAsciiClasses[static_cast<std::size_t>(c)] & bits) != 0;
+// True when the byte `b` is of class `bits` (never for 0 or 0x80 and above).
+inline bool ByteIs(unsigned char b, unsigned char bits) noexcept {
+  return (kByteClasses[b] & bits) != 0;
 }
 
 bool IsNameStart(std::int32_t c) noexcept {
   if (c < 0) return false;
-  if (c < 0x80) return IsAscii(c, kNameStart);
+  if (c < 0x80) return c != 0 && ByteIs(static_cast<unsigned char>(c), kNameStart);
   return std::iswalpha(static_cast<wint_t>(c)) != 0;
 }
 
 bool IsNameChar(std::int32_t c) noexcept {
   if (c < 0) return false;
-  if (c < 0x80) return IsAscii(c, kNameChar);
+  if (c < 0x80) return c != 0 && ByteIs(static_cast<unsigned char>(c), kNameChar);
   return std::iswalnum(static_cast<wint_t>(c)) != 0;
 }
 
-// Texts read before, handed out again so that their copies share one buffer
-// instead of each taking one of its own: the names of a document repeat, and
-// so do many short values. A small table: a text goes into one of a few
-// slots picked by its hash, and is not kept when they are taken.
-class CSharedTexts {
- public:
-  // `text` as a string: a copy of the one kept for it, or a new one.
-  CUTF8String Get(std::string_view text) {
-    if (text.empty()) return {};
-    const std::uint32_t hash = Hash(text);
-    for (std::uint32_t probe = 0; probe < kProbes; ++probe) {
-      CSlot& slot = slots_[(hash + probe) % kSlots];
-      if (slot.index == 0) {
-        texts_.emplace_back(text.data(), text.size());
-        // The view stays valid: the kept string holds the bytes, and a
-        // change to any copy of it copies them first.
-        slot.view = texts_.back().View();
-        slot.hash = hash;
-        slot.index = static_cast<std::uint32_t>(texts_.size());
-        return texts_.back();
-      }
-      if (slot.hash == hash && slot.view == text) return texts_[slot.index - 1];
-    }
-    return CUTF8String(text.data(), text.size());
-  }
+// Appends `c` to `out` as a string stores it (UTF-8, "?" for a surrogate or
+// U+FFFE).
+void AppendUTF8(std::string& out, std::int32_t c) {
+  char bytes[4];
+  out.append(bytes, EncodeUTF8(static_cast<std::uint32_t>(c), bytes));
+}
 
- private:
-  static constexpr std::uint32_t kSlots = 128;
-  static constexpr std::uint32_t kProbes = 4;
-
-  // Mixes the text eight bytes at a time: short texts cost a multiply or two.
-  static std::uint32_t Hash(std::string_view text) noexcept {
-    constexpr std::uint64_t kMix = 0x9E3779B97F4A7C15ULL;
-    std::uint64_t hash = text.size();
-    std::size_t i = 0;
-    for (; i + 8 <= text.size(); i += 8) {
-      std::uint64_t word;
-      std::memcpy(&word, text.data() + i, sizeof word);
-      hash = (hash ^ word) * kMix;
-    }
-    std::uint64_t tail = 0;
-    for (int shift = 0; i < text.size(); ++i, shift += 8) {
-      tail |= std::uint64_t{static_cast<unsigned char>(text[i])} << shift;
-    }
-    hash = (hash ^ tail) * kMix;
-    return static_cast<std::uint32_t>(hash >> 32);
-  }
-
-  // A place in the table; index is 1 + the text's place in texts_, 0 while
-  // the slot is free.
-  struct CSlot {
-    std::string_view view;
-    std::uint32_t hash = 0;
-    std::uint32_t index = 0;
-  };
-  std::array<CSlot, kSlots> slots_{};
-  std::vector<CUTF8String> texts_;
+// An element whose start tag has been read: its name and where its
+// attributes, children and text begin on the reader's scratch stacks. The
+// node itself is built when the element ends, with everything at once.
+struct COpenElement {
+  CUTF8String name;
+  std::size_t attributes = 0;
+  std::size_t children = 0;
+  std::size_t text = 0;
 };
 
 // The reader's state: the text it walks and its place in it, which goes back
@@ -128,13 +94,22 @@ class CSharedTexts {
 // read byte by byte while it is ASCII and character by character otherwise,
 // with the cursor's decoding rules; runs of ASCII that need no attention are
 // copied at once.
+//
+// What an element is made of is gathered on scratch stacks that the whole
+// parse reuses: its attributes, its finished children and its text (the
+// text of a child goes on top of its parent's and is taken off when the
+// child ends, so each element's pieces lie together). When the element
+// ends, its node, attributes and tables are built at once in a chunk of the
+// record pool.
 class CReader {
  public:
   explicit CReader(CCursor& cursor) noexcept
       : cursor_(cursor),
         data_(reinterpret_cast<const unsigned char*>(cursor.GetString()->c_str())),
         size_(cursor.GetString()->Size()),
-        index_(cursor.GetIndex()) {}
+        index_(cursor.GetIndex()),
+        // The records take about twice the bytes of their text.
+        pool_(index_ < size_ ? 2 * (size_ - index_) : 0) {}
   CReader(const CReader&) = delete;
   CReader& operator=(const CReader&) = delete;
   ~CReader() { cursor_.SetIndex(index_); }
@@ -142,26 +117,26 @@ class CReader {
   // Reads one element with its content, see ParseXMLElement. Open elements
   // are kept on a stack of their own, so nesting depth costs no call depth.
   CXMLNodeRef ReadElement() {
-    CXMLNodeRef root;
-    if (!ReadStartTag(root)) return root;
-    std::vector<CXMLNodeRef> open{root};
+    COpenElement first;
+    if (!ReadStartTag(first)) return Build(first);
+    open_.push_back(std::move(first));
     for (;;) {
-      CXMLNode& element = *open.back();
-      element.AppendText(ReadTextPiece());
+      ReadTextPiece();
       Skip();
       if (LookingAt("</")) {
-        ReadEndTag(element);
-        open.pop_back();
-        if (open.empty()) return root;
+        ReadEndTag(open_.back().name);
+        CXMLNodeRef node = Build(open_.back());
+        open_.pop_back();
+        if (open_.empty()) return node;
+        children_.push_back(std::move(node));
         Skip();
         continue;
       }
-      CXMLNodeRef child;
-      const bool hasContent = ReadStartTag(child);
-      element.AddChild(child);
-      if (hasContent) {
-        open.push_back(std::move(child));
+      COpenElement child;
+      if (ReadStartTag(child)) {
+        open_.push_back(std::move(child));
       } else {
+        children_.push_back(Build(child));
         Skip();
       }
     }
@@ -181,12 +156,6 @@ class CReader {
   }
   std::int32_t Next() noexcept { return NextAt(index_); }
 
-  // Appends the bytes from `start` to the reader's place.
-  void AppendSince(CUTF8String& text, std::uint64_t start) {
-    if (index_ > start)
-      text.AppendBytes(reinterpret_cast<const char*>(data_ + start), index_ - start);
-  }
-
   // True when the next characters are the ASCII text `text`.
   bool LookingAt(std::string_view text) const noexcept {
     std::uint64_t i = index_;
@@ -198,7 +167,7 @@ class CReader {
 
   void SkipSpace() noexcept {
     for (;;) {
-      while (AsciiAt(index_) && IsAscii(data_[index_], kSpace)) ++index_;
+      while (ByteIs(data_[index_], kSpace)) ++index_;
       if (AsciiAt(index_) || !IsSpaceChar(Peek())) return;
       Next();
     }
@@ -223,35 +192,54 @@ class CReader {
     SkipSpace();
   }
 
-  // A name, or the empty string when none starts here. Names repeat, so an
-  // ASCII name read before shares the earlier one's buffer.
-  CUTF8String ReadName() {
-    CUTF8String name;
-    if (!IsNameStart(Peek())) return name;
-    std::uint64_t start = index_;
-    while (AsciiAt(index_) && IsAscii(data_[index_], kNameChar)) ++index_;
-    if (!IsNameChar(Peek())) return names_.Get(TextSince(start));
+  // Moves past a name and returns its bytes as they stand in the text
+  // (empty when no name starts here); `ascii` tells whether they are all
+  // ASCII, and so the name itself.
+  std::string_view ScanName(bool& ascii) noexcept {
+    ascii = true;
+    const std::uint64_t start = index_;
+    if (!IsNameStart(Peek())) return {};
     for (;;) {
-      AppendSince(name, start);
-      const std::int32_t c = Peek();
-      if (!IsNameChar(c)) return name;
-      name.AppendChar(static_cast<std::uint32_t>(Next()));
-      start = index_;
-      while (AsciiAt(index_) && IsAscii(data_[index_], kNameChar)) ++index_;
+      while (ByteIs(data_[index_], kNameChar)) ++index_;
+      if (AsciiAt(index_)) break;
+      std::uint64_t i = index_;
+      if (!IsNameChar(DecodeUTF8At(data_, size_, i))) break;
+      index_ = i;
+      ascii = false;
     }
+    return {reinterpret_cast<const char*>(data_ + start), index_ - start};
   }
 
-  // The ASCII text from `start` to the reader's place.
-  std::string_view TextSince(std::uint64_t start) const noexcept {
-    return {reinterpret_cast<const char*>(data_ + start), index_ - start};
+  // The name whose bytes ScanName returned: as they are when ASCII, else
+  // each character decoded again and stored as a string stores it (in
+  // nameScratch_, valid until its next use).
+  std::string_view NameText(std::string_view bytes, bool ascii) {
+    if (ascii) return bytes;
+    nameScratch_.clear();
+    const char* p = bytes.data();
+    const char* end = p + bytes.size();
+    for (std::int32_t c = DecodeUTF8(p, end); c >= 0; c = DecodeUTF8(p, end)) {
+      AppendUTF8(nameScratch_, c);
+    }
+    return nameScratch_;
+  }
+
+  // A name, or the empty string when none starts here. Names repeat, so a
+  // name read before shares the earlier one's buffer.
+  CUTF8String ReadName() {
+    bool ascii = true;
+    const std::string_view bytes = ScanName(ascii);
+    if (bytes.empty()) return {};
+    return names_.Get(NameText(bytes, ascii));
   }
 
   // The character a reference stands for; the "&" has been read.
   std::uint32_t ReadReference() {
-    const CUTF8String name = ReadName();
+    bool ascii = true;
+    const std::string_view bytes = ScanName(ascii);
     if (Peek() != ';') Fail("XML: ';' character expected");
     Next();
-    const std::string_view n = name.View();
+    const std::string_view n = NameText(bytes, ascii);
     if (n == "lt") return '<';
     if (n == "gt") return '>';
     if (n == "amp") return '&';
@@ -265,59 +253,63 @@ class CReader {
     const std::int32_t quote = Peek();
     if (quote != '"' && quote != '\'') Fail("XML: Expecting quotes for attribute value");
     Next();
-    CUTF8String value;
+    scratch_.clear();
     for (bool first = true;; first = false) {
       const std::uint64_t start = index_;
-      while (AsciiAt(index_) && data_[index_] != quote && data_[index_] != '&') ++index_;
+      while (data_[index_] != quote && ByteIs(data_[index_], kValueText)) ++index_;
       if (first && index_ < size_ && data_[index_] == quote) {
         // The usual value: plain ASCII up to its closing quote.
-        const std::string_view text = TextSince(start);
+        const std::string_view text(reinterpret_cast<const char*>(data_ + start), index_ - start);
         ++index_;
-        return text.size() <= kSharedLength ? values_.Get(text)
-                                            : CUTF8String(text.data(), text.size());
+        return MakeText(text);
       }
-      AppendSince(value, start);
+      scratch_.append(reinterpret_cast<const char*>(data_ + start), index_ - start);
       const std::int32_t c = Next();
       if (c < 0) Fail("XML: End of file within attribute value");
-      if (c == quote) return value;
-      value.AppendChar(c == '&' ? ReadReference() : static_cast<std::uint32_t>(c));
+      if (c == quote) return MakeText(scratch_);
+      AppendUTF8(scratch_, c == '&' ? static_cast<std::int32_t>(ReadReference()) : c);
     }
   }
 
-  void ReadAttributes(CXMLNode& element) {
+  // Reads the attributes of a tag onto the attribute stack.
+  void ReadAttributes() {
     for (;;) {
-      const CUTF8String name = ReadName();
+      CUTF8String name = ReadName();
       if (name.IsEmpty()) return;
       Skip();
       if (Peek() != '=') Fail("XML: '=' character expected");
       Next();
       Skip();
-      const CUTF8String value = ReadAttributeValue();
-      element.AddAttribute(name, value);
+      CUTF8String value = ReadAttributeValue();
+      attributes_.push_back({std::move(name), std::move(value)});
       Skip();
     }
   }
 
   // Reads a start tag, an empty-element tag or a processing instruction into
   // `element`. Returns true when content follows (the tag ended with ">").
-  bool ReadStartTag(CXMLNodeRef& element) {
+  bool ReadStartTag(COpenElement& element) {
     if (Peek() != '<') Fail("XML: '<' character expected");
     Next();
+    element.attributes = attributes_.size();
+    element.children = children_.size();
+    element.text = text_.size();
     if (Peek() == '?') {
       Next();
-      const CUTF8String target = ReadName();
-      if (target.IsEmpty()) Fail("XML: Tag name expected");
-      element = MakeRef<CXMLNode>(CUTF8String("?") + target);
+      bool ascii = true;
+      const std::string_view bytes = ScanName(ascii);
+      if (bytes.empty()) Fail("XML: Tag name expected");
+      const std::string target(NameText(bytes, ascii));
+      element.name = names_.Get("?" + target);
       Skip();
-      ReadAttributes(*element);
+      ReadAttributes();
       if (Next() != '?' || Next() != '>') Fail("XML: '?>' sequence expected");
       return false;
     }
-    const CUTF8String name = ReadName();
-    if (name.IsEmpty()) Fail("XML: Tag name expected");
-    element = MakeRef<CXMLNode>(name);
+    element.name = ReadName();
+    if (element.name.IsEmpty()) Fail("XML: Tag name expected");
     Skip();
-    ReadAttributes(*element);
+    ReadAttributes();
     const std::int32_t c = Peek();
     if (c == '/') {
       Next();
@@ -330,68 +322,56 @@ class CReader {
     return true;
   }
 
-  // True for an ASCII byte that text takes as it stands.
-  static bool IsPlainTextByte(unsigned char b) noexcept {
-    return b < 0x80 && IsAscii(b, kPlainText);
-  }
-
-  // Character data up to the next "<", references replaced, white space at
-  // its end held back until something else follows.
-  CUTF8String ReadTextPiece() {
-    CUTF8String piece;
-    CUTF8String heldSpace;
+  // Reads character data up to the next "<" onto the text stack, references
+  // replaced; white space at its end is held back (it stays on the stack
+  // beyond `kept`) and is kept only when something else follows.
+  void ReadTextPiece() {
+    std::size_t kept = text_.size();
     for (;;) {
-      if (AsciiAt(index_) && IsAscii(data_[index_], kPlainText | kSpace)) {
+      if (ByteIs(data_[index_], kPlainText | kSpace)) {
         // A run of ASCII text and white space: what lies up to its last
         // text byte goes in at once, the white space behind that is held.
         const std::uint64_t start = index_;
-        std::uint64_t textEnd = start;
-        for (; AsciiAt(index_) && IsAscii(data_[index_], kPlainText | kSpace); ++index_) {
-          if (IsAscii(data_[index_], kPlainText)) textEnd = index_ + 1;
-        }
-        const bool atTag = AsciiAt(index_) && data_[index_] == '<';
+        while (ByteIs(data_[index_], kPlainText | kSpace)) ++index_;
+        std::uint64_t textEnd = index_;
+        while (textEnd > start && ByteIs(data_[textEnd - 1], kSpace)) --textEnd;
+        const bool atTag = data_[index_] == '<';
         if (textEnd > start) {
-          if (!heldSpace.IsEmpty()) {
-            piece += heldSpace;
-            heldSpace.Clear();
-          }
-          const std::string_view text(reinterpret_cast<const char*>(data_ + start),
-                                      textEnd - start);
-          if (atTag && piece.IsEmpty() && text.size() <= kSharedLength) {
-            return values_.Get(text);  // a short text such as "1" or "true"
-          }
-          piece.AppendBytes(text.data(), text.size());
+          text_.append(reinterpret_cast<const char*>(data_ + start), textEnd - start);
+          kept = text_.size();
         }
-        if (atTag) return piece;
+        if (atTag) break;
         if (index_ > textEnd) {
-          heldSpace.AppendBytes(reinterpret_cast<const char*>(data_ + textEnd), index_ - textEnd);
+          text_.append(reinterpret_cast<const char*>(data_ + textEnd), index_ - textEnd);
         }
         continue;
       }
       std::int32_t c = Peek();
       if (c < 0) Fail("XML: Unclosed tag");
-      if (c == '<') return piece;
+      if (c == '<') break;
       Next();
       if (c == '&') {
         c = static_cast<std::int32_t>(ReadReference());
       } else if (IsSpaceChar(c)) {
-        heldSpace.AppendChar(static_cast<std::uint32_t>(c));
+        AppendUTF8(text_, c);
         continue;
       }
-      if (!heldSpace.IsEmpty()) {
-        piece += heldSpace;
-        heldSpace.Clear();
-      }
-      piece.AppendChar(static_cast<std::uint32_t>(c));
+      AppendUTF8(text_, c);
+      kept = text_.size();
     }
+    text_.resize(kept);
   }
 
-  // Reads "</name ...>" closing `element`; a different name is only
-  // reported.
-  void ReadEndTag(const CXMLNode& element) {
+  // Reads "</name ...>" closing the element named `name`; a different name
+  // is only reported.
+  void ReadEndTag(const CUTF8String& name) {
     Next();
     Next();
-    if (ReadName() != element.GetName()) TraceString("Warning: XML: Inconsistent ending tag");
+    bool ascii = true;
+    const std::string_view bytes = ScanName(ascii);
+    if (NameText(bytes, ascii) != name.View()) {
+      TraceString("Warning: XML: Inconsistent ending tag");
+    }
     for (;;) {
       const std::int32_t c = Next();
       if (c < 0) Fail("XML: '>' character expected");
@@ -399,14 +379,42 @@ class CReader {
     }
   }
 
+  // `text` as a string; short ones are shared.
+  CUTF8String MakeText(std::string_view text) {
+    return text.size() <= kSharedLength ? values_.Get(text) : CUTF8String(text.data(), text.size());
+  }
+
+  // Builds the node of `element` from what lies above its marks on the
+  // scratch stacks, and takes that off them.
+  CXMLNodeRef Build(const COpenElement& element) {
+    const CUTF8String text = MakeText(std::string_view(text_).substr(element.text));
+    CXMLNodeRef node = CXMLNode::MakePooled(
+        pool_, element.name, text, attributes_.data() + element.attributes,
+        attributes_.size() - element.attributes, children_.data() + element.children,
+        children_.size() - element.children);
+    attributes_.erase(attributes_.begin() + static_cast<std::ptrdiff_t>(element.attributes),
+                      attributes_.end());
+    children_.erase(children_.begin() + static_cast<std::ptrdiff_t>(element.children),
+                    children_.end());
+    text_.resize(element.text);
+    return node;
+  }
+
   // Values and texts up to this length are shared: longer ones seldom
   // repeat.
   static constexpr std::size_t kSharedLength = 16;
 
   CCursor& cursor_;
-  const unsigned char* data_;
+  const unsigned char* data_;  // zero-terminated: data_[size_] is 0
   std::uint64_t size_;
   std::uint64_t index_;
+  CRecordPool pool_;
+  std::vector<COpenElement> open_;
+  std::vector<CXMLAttributeText> attributes_;
+  std::vector<CXMLNodeRef> children_;
+  std::string text_;
+  std::string scratch_;      // an attribute value being read
+  std::string nameScratch_;  // a name beyond ASCII
   CSharedTexts names_;
   CSharedTexts values_;
 };
