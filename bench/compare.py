@@ -108,12 +108,14 @@ def names_figures(bench_dir, repetitions, min_time):
     ]
 
 
-def parser_figures(bench_dir, repetitions, min_time, program, kind, target_peer, other_peer):
+def parser_figures(bench_dir, repetitions, min_time, program, kind, peers):
+    """`peers`: (benchmark name, display name, {size: target} or None) each."""
     rows = run_benchmark(os.path.join(bench_dir, program), [], repetitions, min_time)
     figures = []
     for size, label in ((1024, "1 KB"), (32768, "32 KB"), (1048576, "1 MB")):
         ours = rows[f"{kind}/Ours/{size}"]["bytes_per_second"] / 1e6
-        for (peer, display), target in ((target_peer, 1), (other_peer, None)):
+        for peer, display, targets in peers:
+            target = targets and targets[size]
             theirs = rows[f"{kind}/{peer}/{size}"]["bytes_per_second"] / 1e6
             figures.append(figure(f"{kind.upper()} parse, {label} vs {display}", ours, theirs,
                                   "MB/s", False, target))
@@ -308,11 +310,14 @@ def main():
     if "names" in groups:
         figures += names_figures(bench_dir, args.repetitions, args.min_time)
     if "json" in groups:
+        every = lambda target: {1024: target, 32768: target, 1048576: target}
         figures += parser_figures(bench_dir, args.repetitions, args.min_time, "zelph_json_bench",
-                                  "Json", ("Nlohmann", "nlohmann-json"), ("RapidJSON", "RapidJSON"))
+                                  "Json", [("Nlohmann", "nlohmann-json", every(1.5)),
+                                           ("RapidJSON", "RapidJSON", every(0.35))])
     if "xml" in groups:
         figures += parser_figures(bench_dir, args.repetitions, args.min_time, "zelph_xml_bench",
-                                  "Xml", ("TinyXML2", "tinyxml2"), ("pugixml", "pugixml"))
+                                  "Xml", [("TinyXML2", "tinyxml2", {1024: 0.8, 32768: 1, 1048576: 1}),
+                                          ("pugixml", "pugixml", None)])
     if "spy" in groups:
         figures += spy_figures(args.build_dir, args.rounds, args.steady_rounds)
     if "load" in groups:
