@@ -14,4 +14,5 @@ target_compile_definitions(tls_binding_test PRIVATE
   ZELPH_TRACE_LIB="$<TARGET_FILE:zelphtrace>" ZELPH_BARE_HOST="$<TARGET_FILE:bare_trace_host>")
 add_dependencies(tls_binding_test zelphtrace bare_trace_host)
 # Headless Chromium against the responder: label browser only, so `make test` leaves it out.
-zelph_add_gtest(browser_test LABEL browser TIMEOUT 150 SOURCES BrowserTest.cpp LIBS zelph_system)
+zelph_add_gtest(browser_test LABEL browser TIMEOUT 150 SOURCES BrowserTest.cpp
+  LIBS zelph_system zelph_trace_core)
