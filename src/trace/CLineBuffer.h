@@ -18,6 +18,7 @@ class CLineBuffer {
 
   // Appends `text` as it stands.
   void Append(std::string_view text) {
+    if (text.empty()) return;  // an empty view may have no data to copy from
     if (!onHeap_ && size_ + text.size() < sizeof local_) {
       std::memcpy(local_ + size_, text.data(), text.size());
       size_ += text.size();
